@@ -1,0 +1,623 @@
+"""A small debugger's tracer on the native module: breakpoints, steps, held threads, forked children.
+
+    def on_stop(stop):
+        print(stop.reason, stop.frame.f_code.co_qualname, stop.lineno, stop.value)
+        return Command.STEP_OVER
+
+    tracer = Tracer(on_stop)
+    tracer.set_breakpoint("json/decoder.py of your interpreter", 340)
+    tracer.start()
+
+How an event comes here. For each kind of event the interpreter calls the `Callback` of one `CInitialCallback`,
+the first stage. It is native code, and for nearly every event it finds that there is nothing to do. Only where a
+breakpoint, a step or an awaited return may need it does it call the second stage: the `_on_...` methods below.
+
+What is switched on. PY_START and PY_RESUME are on everywhere, because they are how new code objects are met. The
+first stage answers None to them, so they stay on and cost a few dozen nanoseconds each; a breakpoint that is set
+later therefore needs no event to be brought back. Lines, returns and yields are on only in the code objects that
+need them (`_switch_events`), and DISABLE is answered in one place alone: in code of the debugger itself. A
+location that was disabled there is brought back when a tracer starts, since which files are internal may change
+then.
+
+Where the state lives. In the native module's own records, since that is where the first stage looks:
+
+    CPerFile.fBpSetByLineno                     line number -> Breakpoint, for all breakpoints of a file
+    CPerCodeObject.fEnabledBpLinenos            those of these line numbers that lie in the code object
+    CPerCodeObject.fSteppingEventsNeededCount   how many threads step through the code object
+    CPerCodeObject.fReturnEventsNeededCount     how many threads await the return of a frame that runs it
+    CPerThread.fSteppingCodeObjects             the records of the code objects that the thread steps through
+    CPerThread.fStopAtNextLine                  the thread stops at the next line or end, whatever the frame
+    CPerThread.fStopFrame                       the thread stops at the next line of this frame
+    CPerThread.fReturnFrame                     the thread stops when this frame is left
+    CPerThread.fSteppingEventsNeeded            the thread has to notice the frames that it enters
+
+Who may do what when. One lock guards all of this. A thread that has it raises no events, so neither the code that
+it calls nor a finaliser that happens to run can bring it back here or hold it while others wait for the lock. The
+debugger's own files, and the files of the interpreter's library that run as a thread ends (after its record is
+gone), are internal: no event of theirs gets past the first stage. Callbacks raise no events anyway, that is a
+promise of `sys.monitoring`; `on_stop` runs in one, on the thread that stopped, one stop at a time.
+"""
+
+import _weakrefset
+import enum
+import os
+import sys
+import threading
+import typing
+import weakref
+
+from . import xoptmonitoring as xo
+
+_monitoring = sys.monitoring
+
+_START = xo.kPyStartEventId
+_RESUME = xo.kPyResumeEventId
+_RETURN = xo.kPyReturnEventId
+_YIELD = xo.kPyYieldEventId
+_LINE = xo.kPyLineEventId
+_THROW = _monitoring.events.PY_THROW
+_UNWIND = _monitoring.events.PY_UNWIND
+
+
+class Reason(enum.Enum):
+    """Why a thread stopped."""
+
+    BREAKPOINT = "breakpoint"  # it is about to run a line with a breakpoint
+    STEP = "step"  # it is about to run the line to which a step led
+    RETURN = "return"  # the frame is about to return `value`
+    YIELD = "yield"  # the frame is about to hand out `value` and be suspended
+    EXCEPTION = "exception"  # the frame is about to be left by the exception `value`
+
+
+class Command(enum.Enum):
+    """What a stopped thread does next.
+
+    A step that comes to the end of its frame stops there once more, with the value that is handed out. From such
+    a stop, every step goes on in the caller; where there is no caller to stop in, it is the same as CONTINUE.
+    """
+
+    CONTINUE = "continue"  # run on until a breakpoint
+    STEP_INTO = "step into"  # stop at the next line or at the end of a frame, whatever the frame
+    STEP_OVER = "step over"  # stop at the next line of this frame, or at its end
+    STEP_OUT = "step out"  # stop at the next line of the caller, or at its end
+    STOP_ON_RETURN = "stop on return"  # stop at the end of this frame
+
+
+class Breakpoint:
+    """A breakpoint on a line of a file. `hits` counts the stops that it made."""
+
+    __slots__ = ("pathname", "lineno", "condition", "hits")
+
+    def __init__(self, pathname, lineno, condition=None):
+        self.pathname = pathname
+        self.lineno = lineno
+        self.condition = condition  # None, or called with the frame; the breakpoint stops where it is true
+        self.hits = 0
+
+    def __repr__(self):
+        return "<Breakpoint {}:{}>".format(self.pathname, self.lineno)
+
+
+class Stop(typing.NamedTuple):
+    """A thread that has stopped. It goes on when `on_stop` returns."""
+
+    thread: xo.CPerThread
+    frame: object
+    reason: Reason
+    lineno: int
+    value: object = None  # what is returned or yielded, or the exception; for such reasons only
+    breakpoint: Breakpoint | None = None  # for Reason.BREAKPOINT only
+
+
+_LEAVING = (Reason.RETURN, Reason.YIELD, Reason.EXCEPTION)
+
+
+class _QuietLock:
+    """A re-entrant lock whose holder raises no monitoring events."""
+
+    def __init__(self):
+        self._lock = threading.RLock()
+
+    def __enter__(self):
+        xo.AddToThreadStateTracing(1)
+        try:
+            self._lock.acquire()
+        except BaseException:  # KeyboardInterrupt, while waiting for another thread
+            xo.AddToThreadStateTracing(-1)
+            raise
+
+    def __exit__(self, *exception):
+        self._lock.release()
+        xo.AddToThreadStateTracing(-1)
+
+
+class Tracer:
+    """The tracer of this process; one at a time can be started.
+
+    on_stop         called as on_stop(stop) on the thread that has stopped; returns the Command with which the
+                    thread goes on, or None for CONTINUE. An exception is logged and means CONTINUE.
+    internal_files  pathnames of further files of the debugger, in which nothing stops
+    debug_thread    called with a thread's id, once; says whether the thread is debugged. All are by default.
+    follow_forks    whether forked children are debugged as well
+
+    Breakpoints can be set before `start` and outlive `stop`, until `reset`.
+    """
+
+    tool_id = _monitoring.DEBUGGER_ID
+
+    def __init__(self, on_stop, *, internal_files=(), debug_thread=None, follow_forks=True):
+        self._on_stop = on_stop
+        self._internal_files = tuple(internal_files)
+        self._debug_thread = debug_thread
+        self._follow_forks = follow_forks
+        self._lock = _QuietLock()
+        self._turn = threading.Lock()  # held by the thread whose stop is being handled
+        self._is_running = False
+        self._initial_callbacks = {}  # event -> its CInitialCallback
+        self._first_stages = {}  # event -> the callable that the interpreter is given
+        self._steps = {}  # thread -> (its fSteppingCodeObjects, the record whose return it awaits)
+        self._holder_id = None  # the thread for which all others are held
+        self._held = {}  # held thread -> its fSuspendLock, which we have
+
+        self._add_event(_START, self._on_enter)
+        self._add_event(_RESUME, self._on_enter)
+        self._add_event(_THROW, self._on_enter, can_return_disable=False)
+        self._add_event(_LINE, self._on_line)
+        self._add_event(_RETURN, self._on_return)
+        self._add_event(_YIELD, self._on_yield)
+        self._add_event(_UNWIND, self._on_unwind, can_return_disable=False)
+
+    def _add_event(self, event, second_stage, can_return_disable=True):
+        """Make the first stage for an event.
+
+        It is kept for our whole life, not only from start to stop: the interpreter does not keep a callback alive
+        while it calls it, and a thread may be held inside one for long.
+        """
+        initial_callback = xo.CInitialCallback(event, second_stage, can_return_disable)
+        self._initial_callbacks[event] = initial_callback
+        self._first_stages[event] = initial_callback.Callback
+
+    # Starting and stopping
+
+    def start(self):
+        """Begin to receive events. Raises ValueError when another debugger uses the interpreter's tool id."""
+        global _running_tracer
+        with self._lock:
+            _monitoring.use_tool_id(self.tool_id, "vorntracer")
+            _running_tracer = self
+            self._is_running = True
+
+            xo.SetInternalPathnameDict(dict.fromkeys(self._internal_pathnames()))
+            xo.CPerThread.SetDebugPolicyCallback(self._debug_thread)
+            xo.CPerThread.SetGetThreadNameCallback(_thread_name)
+            xo.CPerThread.SetNewPerThreadCreatedCallback(self._on_new_thread)
+            xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(self._on_new_code_object)
+            for thread in xo.CPerThread.GetAllPerThreads():
+                thread.GetDebugPolicy()
+
+            for event, first_stage in self._first_stages.items():
+                _monitoring.register_callback(self.tool_id, event, first_stage)
+            self._meet_running_code()
+            self._switch_global_events()
+            _monitoring.restart_events()
+
+    def stop(self):
+        """Let every thread run on, and receive no more events. Does nothing when not started."""
+        global _running_tracer
+        with self._lock:
+            if not self._is_running:
+                return
+            self.release_others()
+            for thread in list(self._steps):
+                self._end_step(thread)
+
+            _monitoring.set_events(self.tool_id, 0)
+            for event in self._first_stages:
+                _monitoring.register_callback(self.tool_id, event, None)
+            xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(None)
+            xo.CPerThread.SetNewPerThreadCreatedCallback(None)
+            xo.CPerThread.SetGetThreadNameCallback(None)
+            xo.CPerThread.SetDebugPolicyCallback(None)
+
+            # Records stay with their code objects. As "not known" they find their way to the next tracer.
+            for per_file in xo.CPerFile.GetAllPerFiles():
+                for record in list(per_file.fKnownPerCodeObjects):
+                    record.fEnabledBpLinenos = None
+                    self._switch_events(record)
+
+            self._is_running = False
+            _running_tracer = None
+            _monitoring.free_tool_id(self.tool_id)
+
+    def reset(self):
+        """Forget every breakpoint, step and hold, and all that the native module knows; go on if started.
+
+        The native module's reset empties its registries but leaves the records that it attached to code objects.
+        Stopping leaves these with no enabled breakpoints known, so the second stage sees them when they next run
+        and files them anew (`_meet_again`).
+        """
+        with self._lock:
+            was_running = self._is_running
+            self.stop()
+            xo.reset()
+            if was_running:
+                self.start()
+
+    def _internal_pathnames(self):
+        """The canonical pathnames of all files whose code is never to be seen.
+
+        `weakref` runs the clean-up at a thread's end. Around that, `threading` and `_weakrefset` do their own:
+        their events would ask for the record of a thread that is gone, and get a new one that nothing cleans up.
+        """
+        own_modules = (sys.modules[__name__], xo.dbgpythonapi, xo.dlog, xo.win32)
+        thread_end_modules = (weakref, _weakrefset, threading)
+        files = [module.__file__ for module in own_modules + thread_end_modules if module is not None]
+        return [xo.get_canonical_pathname(os.fspath(file)) for file in (*files, *self._internal_files)]
+
+    def _meet_running_code(self):
+        """Meet what is running already: it will raise no event of its start any more."""
+        for frame in sys._current_frames().values():
+            while frame is not None:
+                self._situate(frame)
+                frame = frame.f_back
+        # Our own methods, so that every search for the debugged frame passes over them by their records.
+        for function in vars(Tracer).values():
+            if hasattr(function, "__code__"):
+                xo.CPerCodeObject.GetPerCodeObject(function.__code__)
+
+    # Breakpoints
+
+    def set_breakpoint(self, file, lineno, condition=None):
+        """Set a breakpoint on a line, in place of the one there, and return it.
+
+        file       the pathname of a source file; it need not be loaded
+        condition  called with the frame each time; the thread stops where the result is true
+        """
+        pathname = xo.get_canonical_pathname(os.fspath(file))
+        if pathname is None:
+            raise ValueError("not the name of a file: {!r}".format(file))
+        with self._lock:
+            per_file = xo.CPerFile.GetPerFile(pathname)
+            breakpoint = Breakpoint(pathname, lineno, condition)
+            per_file.fBpSetByLineno[lineno] = breakpoint
+            self._find_breakpoints_in_file(per_file)
+        return breakpoint
+
+    def clear_breakpoint(self, breakpoint):
+        """Take a breakpoint away. One that is not set, or was replaced, is left alone."""
+        with self._lock:
+            per_file = xo.CPerFile.GetPerFile(breakpoint.pathname, False)
+            if per_file is not None and per_file.fBpSetByLineno.get(breakpoint.lineno) is breakpoint:
+                del per_file.fBpSetByLineno[breakpoint.lineno]
+                self._find_breakpoints_in_file(per_file)
+
+    def breakpoints(self):
+        """Return a list of all breakpoints."""
+        with self._lock:
+            return [
+                breakpoint
+                for per_file in xo.CPerFile.GetAllPerFiles()
+                for breakpoint in per_file.fBpSetByLineno.values()
+            ]
+
+    def _find_breakpoints_in_file(self, per_file):
+        """Work out anew which breakpoints lie in which of the file's code objects."""
+        if self._is_running:
+            for record in list(per_file.fKnownPerCodeObjects):
+                self._find_breakpoints(record)
+
+    def _find_breakpoints(self, record):
+        """Work out which of its file's breakpoints lie in a code object, and switch its line events."""
+        code = record.fCodeObjectWeakRef()
+        if code is None:
+            return
+        breakpoints = xo.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno
+        # A new set each time: the first stage may be looking at the old one on another thread.
+        if breakpoints and not record.fIsInternal:
+            record.fEnabledBpLinenos = {line for _, _, line in code.co_lines() if line in breakpoints}
+        else:
+            record.fEnabledBpLinenos = set()
+        self._switch_events(record)
+
+    # Which events are on
+
+    def _switch_events(self, record):
+        """Switch on the line, return and yield events that a code object needs, and no others."""
+        code = record.fCodeObjectWeakRef()
+        if code is None:
+            return
+        events = 0
+        if record.fEnabledBpLinenos or record.fSteppingEventsNeededCount:
+            events |= _LINE
+        if record.fReturnEventsNeededCount or record.fSteppingEventsNeededCount:
+            events |= _RETURN | _YIELD
+        if events != _monitoring.get_local_events(self.tool_id, code):
+            _monitoring.set_local_events(self.tool_id, code, events)
+
+    def _switch_global_events(self):
+        """Switch on the events that are needed in all code.
+
+        Exceptions that leave a frame are of interest while a frame is awaited, and can only be had everywhere.
+        While threads are being held, each has to come to an event soon, even out of a loop that calls nothing.
+        """
+        if not self._is_running:
+            return
+        events = _START | _RESUME
+        if self._steps:
+            events |= _UNWIND | _THROW
+        if self._holder_id is not None:
+            events |= _LINE
+        if events != _monitoring.get_events(self.tool_id):
+            _monitoring.set_events(self.tool_id, events)
+
+    # New records
+
+    def _on_new_code_object(self, record):
+        """The native module has made the record of a code object that it met."""
+        with self._lock:
+            if self._is_running:
+                self._find_breakpoints(record)
+
+    def _on_new_thread(self, thread):
+        """The native module has made the record of a thread, most often on that thread."""
+        with self._lock:
+            thread.GetDebugPolicy()  # the first stage looks at what this leaves in fDebugPolicy
+            if self._holder_id not in (None, thread.fThreadId):
+                self._hold(thread)
+
+    def _situate(self, frame):
+        """Return the record of a frame's code object, with its breakpoints known.
+
+        They are not known in a record that another thread is still announcing, and in one that dates from before
+        a reset or from another tracer. The latter may be filed under a name that has changed, or nowhere.
+        """
+        record = xo.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
+        if record.fEnabledBpLinenos is None:
+            with self._lock:
+                record._UpdatePathnameFromFrame(frame)
+                record._AddToPerFile()
+                self._find_breakpoints(record)
+        return record
+
+    # The second stage
+
+    def _on_enter(self, code, offset, exception=None):
+        """A frame starts, or a generator's frame goes on: PY_START, PY_RESUME, PY_THROW."""
+        record = self._situate(xo.GetNonInternalFrame())
+        thread = xo.CPerThread.GetPerThread()
+        if thread.fStopAtNextLine:
+            self._step_through(thread, record)
+
+    def _on_line(self, code, lineno):
+        frame = xo.GetNonInternalFrame()
+        record = self._situate(frame)
+        thread = xo.CPerThread.GetPerThread()
+        breakpoint = None
+        if lineno in record.fEnabledBpLinenos:
+            breakpoint = xo.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno.get(lineno)
+        if breakpoint is not None and (breakpoint.condition is None or breakpoint.condition(frame)):
+            self._stop(Stop(thread, frame, Reason.BREAKPOINT, lineno, breakpoint=breakpoint))
+        elif thread.fStopAtNextLine or frame is thread.fStopFrame:
+            self._stop(Stop(thread, frame, Reason.STEP, lineno))
+
+    def _on_return(self, code, offset, value):
+        self._on_leave(Reason.RETURN, value)
+
+    def _on_yield(self, code, offset, value):
+        self._on_leave(Reason.YIELD, value)
+
+    def _on_unwind(self, code, offset, exception):
+        self._on_leave(Reason.EXCEPTION, exception)
+
+    def _on_leave(self, reason, value):
+        frame = xo.GetNonInternalFrame()
+        thread = xo.CPerThread.GetPerThread()
+        if thread.fStopAtNextLine or frame is thread.fReturnFrame:
+            self._stop(Stop(thread, frame, reason, frame.f_lineno, value))
+
+    # Stops and steps
+
+    def _stop(self, stop):
+        """Hand a stop to `on_stop`, when its turn comes, and do what it commands."""
+        turn = self._wait_for_turn(stop.thread)
+        command = Command.CONTINUE
+        try:
+            if self._is_running:
+                if stop.breakpoint is not None:
+                    stop.breakpoint.hits += 1
+                command = Command(self._on_stop(stop) or command)
+        finally:
+            turn.release()
+            self._begin_step(stop, command)
+
+    def _wait_for_turn(self, thread):
+        """Return the turn lock, acquired at a moment when the thread is not held."""
+        while True:
+            turn = self._turn
+            turn.acquire()
+            if not thread.fCheckSuspendLock:
+                return turn
+            turn.release()
+            with thread.fSuspendLock:
+                pass
+
+    def _begin_step(self, stop, command):
+        """Replace the step that led to a stop by the one that is commanded.
+
+        Every step awaits the end of its frame, and so always ends: by a stop in the frame, or by one where it is
+        left. The events of a frame that nobody awaits, below or above, get no further than the comparison.
+        """
+        is_from_caller = command is Command.STEP_OUT or stop.reason in _LEAVING
+        with self._lock:
+            thread = xo.CPerThread.GetPerThread()  # not that of the stop: `on_stop` may have called reset
+            frame = None
+            if command is not Command.CONTINUE and self._is_running:
+                frame = xo.GetNonInternalFrame(1 if is_from_caller else 0)
+            if frame is None:
+                self._end_step(thread)
+                return
+            is_into = command is Command.STEP_INTO
+            is_stop_frame = command in (Command.STEP_OVER, Command.STEP_OUT)
+            thread.fSteppingEventsNeeded = is_into
+            thread.fStopAtNextLine = is_into
+            thread.fStopFrame = frame if is_stop_frame else None
+            thread.fReturnFrame = frame
+            record = self._situate(frame)
+            self._replace_step(thread, {record} if is_into or is_stop_frame else set(), record)
+
+    def _end_step(self, thread):
+        """The thread steps no more and awaits no frame."""
+        thread.fSteppingEventsNeeded = False
+        thread.fStopAtNextLine = False
+        thread.fStopFrame = None
+        thread.fReturnFrame = None
+        self._replace_step(thread, set(), None)
+
+    def _step_through(self, thread, record):
+        """Let a thread that steps into whatever it meets step through one more code object."""
+        with self._lock:
+            if record not in thread.fSteppingCodeObjects:
+                thread.fSteppingCodeObjects.add(record)
+                record.fSteppingEventsNeededCount += 1
+                self._switch_events(record)
+
+    def _replace_step(self, thread, stepping, awaited):
+        """Move the counts from a thread's old step to its new one.
+
+        stepping  the records of the code objects that the thread steps through. Records and not the code objects
+                  themselves, because different code objects with equal contents are equal.
+        awaited   the record of the code object of its fReturnFrame, or None
+        """
+        old_stepping, old_awaited = self._steps.pop(thread, (set(), None))
+        for record in stepping - old_stepping:
+            record.fSteppingEventsNeededCount += 1
+        for record in old_stepping - stepping:
+            record.fSteppingEventsNeededCount -= 1
+        changed = stepping ^ old_stepping
+        if awaited is not old_awaited:
+            if awaited is not None:
+                awaited.fReturnEventsNeededCount += 1
+                changed.add(awaited)
+            if old_awaited is not None:
+                old_awaited.fReturnEventsNeededCount -= 1
+                changed.add(old_awaited)
+        for record in changed:
+            self._switch_events(record)
+        thread.fSteppingCodeObjects = stepping
+        if awaited is not None:
+            self._steps[thread] = (stepping, awaited)
+        self._switch_global_events()
+
+    # Threads
+
+    def hold_others(self):
+        """Hold every thread but the calling one at its next event, also threads that start from now on.
+
+        Returns at once: a thread that waits in native code comes to its next event when that lets go of it. A
+        thread is never held in the debugger's own code, nor in `threading`, whose locks others need.
+        """
+        with self._lock:
+            if not self._is_running:
+                raise RuntimeError("the tracer is not started")
+            if self._holder_id is not None:
+                raise RuntimeError("threads are being held already")
+            self._holder_id = threading.get_ident()
+            for thread in xo.CPerThread.GetAllPerThreads():
+                if thread.fThreadId != self._holder_id:
+                    self._hold(thread)
+            for initial_callback in self._initial_callbacks.values():
+                initial_callback.fAnySuspendThread = True
+            self._switch_global_events()
+
+    def release_others(self):
+        """Let all held threads go on. Does nothing when none is held."""
+        with self._lock:
+            self._holder_id = None
+            for initial_callback in self._initial_callbacks.values():
+                initial_callback.fAnySuspendThread = False
+            while self._held:
+                thread, suspend_lock = self._held.popitem()
+                thread.fCheckSuspendLock = False
+                suspend_lock.release()
+            self._switch_global_events()
+
+    def _hold(self, thread):
+        """Have the first stage block a thread: it passes through the lock that we take here."""
+        suspend_lock = thread.fSuspendLock
+        if suspend_lock is not None:  # else the thread has just ended
+            suspend_lock.acquire()
+            thread.fCheckSuspendLock = True
+            self._held[thread] = suspend_lock
+
+    def ignore_this_thread(self):
+        """Never stop the calling thread, nor hold it: for threads of the debugger itself."""
+        with self._lock:
+            thread = xo.CPerThread.GetPerThread()
+            if thread in self._steps:
+                self._end_step(thread)
+            thread.fDebugPolicy = 0
+
+    # Forked children
+
+    def _before_fork(self):
+        """Take the lock, so that the child gets no half-made change of a thread that it does not have."""
+        self._lock.__enter__()
+
+    def _after_fork_in_parent(self):
+        self._lock.__exit__()
+
+    def _after_fork_in_child(self):
+        """Forget the threads that the child does not have, and go on, or stop.
+
+        The interpreter has cleared their thread states by now, so the records of most are gone already.
+        """
+        self._turn = threading.Lock()
+        self.release_others()
+        this_thread = xo.CPerThread.GetPerThread(None, False)
+        for thread in list(self._steps):
+            if thread is not this_thread:
+                self._end_step(thread)
+        for thread in xo.CPerThread.GetAllPerThreads():
+            if thread is not this_thread:
+                xo.CPerThread._DiscardPerThread(thread.fThreadId)
+        if self._follow_forks:
+            xo.UpdateThisProcessPid()
+        else:
+            self.stop()
+        self._lock.__exit__()
+
+
+def _thread_name(thread):
+    """The name of the thread of a record.
+
+    Looks into the table of `threading` directly: its functions would wait for a lock that the thread may have, and
+    would make an entry for a thread that `threading` did not start.
+    """
+    known = threading._active.get(thread.fThreadId)
+    return "thread {}".format(thread.fThreadId) if known is None else known.name
+
+
+# Fork handlers cannot be taken back, so there is one set of them, for whichever tracer is running.
+_running_tracer = None
+_forking = threading.local()  # tracer: the one whose locks this thread took for its fork, or None
+
+
+def _before_fork():
+    _forking.tracer = _running_tracer
+    if _forking.tracer is not None:
+        _forking.tracer._before_fork()
+
+
+def _after_fork(method):
+    def call():
+        if getattr(_forking, "tracer", None) is not None:
+            method(_forking.tracer)
+
+    return call
+
+
+os.register_at_fork(
+    before=_before_fork,
+    after_in_parent=_after_fork(Tracer._after_fork_in_parent),
+    after_in_child=_after_fork(Tracer._after_fork_in_child),
+)

@@ -1,0 +1,291 @@
+// CInitialCallback: the first stage of a monitored event, from the interpreter's call to its answer.
+//
+// The interpreter calls `instance.Callback`, a built-in bound to the instance, for every monitored event of every
+// thread. `bound_callback` is that entry: it finds the module's state in the class and goes to `Callback`, which asks
+// `_SkipDetermination` and calls the tracer's second callback only where that says so. Nothing on the road to a
+// skipped event allocates, looks anything up by name or calls Python code.
+#include "xoptmonitoring/callback/initial_callback.h"
+
+#include "xoptmonitoring/callback/internal_frames.h"
+#include "xoptmonitoring/callback/skip_determination.h"
+#include "xoptmonitoring/records/code_extra.h"
+#include "xoptmonitoring/records/per_code_object.h"
+#include "xoptmonitoring/records/per_thread.h"
+#include "xoptmonitoring/runtime/handled_exception.h"
+
+namespace initial_callback {
+namespace {
+
+using Data = InitialCallbackData;
+using ClassData = InitialCallbackClassData;
+
+#define FIELD(name, type, flags, doc) {#name, FieldType::type, offsetof(Data, name), flags, doc}
+constexpr FieldDecl kFields[] = {
+    FIELD(_fEventId, Int, 0, "The sys.monitoring event id that this instance serves."),
+    FIELD(_fSecondCallback, Object, kFinalField, "The tracer's callable for events of interest; set once."),
+    FIELD(_fCanReturnDisable, Bool, 0, "Whether kSysMonitoringDisable may be returned for this event."),
+    FIELD(fAnySuspendThread, Bool, 0, "True while some thread has to be suspended; set by the tracer."),
+    FIELD(fSteppingEventsNeededEveryThread, Bool, 0,
+          "True while stepping needs line events in every thread; set by the tracer."),
+};
+#undef FIELD
+
+constexpr FieldDecl kClassFields[] = {
+    {"_kOffsetForGetFrameInGetPerCodeObject", FieldType::Int,
+     offsetof(ClassData, _kOffsetForGetFrameInGetPerCodeObject), 0,
+     "How many frames of this module to skip when the monitored frame is looked up: none."},
+};
+
+/// Logs that the first stage was called.
+XPY_COLD bool log_called(ModuleState& m, PyObject* second_callback, PyObject* code_object) {
+    return write_log_line(m, Ref::steal(xpy.PyUnicode_FromFormat(
+                                 "%U%R%U%U%R%U", m.literals.initial_callback_called, code_object,
+                                 m.literals.semicolon_newline, m.literals.second_callback_is, second_callback,
+                                 m.literals.newline)));
+}
+
+/// Logs that the second stage is about to be called.
+XPY_COLD bool log_calling(ModuleState& m, PyObject* second_callback) {
+    return write_log_line(m, Ref::steal(xpy.PyUnicode_FromFormat("%U%R%U", m.literals.calling, second_callback,
+                                                                 m.literals.newline)));
+}
+
+/// Calls the second stage with the interpreter's own arguments.
+Ref call_second(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
+    const Ref second_callback = load_field(self, data(self)._fSecondCallback);
+    if (!second_callback || (is_logging_first_stage(m) && !log_calling(m, second_callback.get()))) {
+        return {};
+    }
+    return Ref::steal(
+        xpy.PyObject_Vectorcall(second_callback.get(), args, static_cast<std::size_t>(nargs), nullptr));
+}
+
+/// Hands the pending exception to the debugger's log and answers None: an exception that reached the interpreter's
+/// monitoring machinery would switch the tool off. One that the log itself raises does go on.
+XPY_COLD Ref log_exception(ModuleState& m) {
+    const HandledException handled(Ref::steal(xpy.PyErr_GetRaisedException()));
+    const Ref dlog = load_global(m, m.globals.dlog);
+    if (!dlog || !call_method(dlog.get(), m.names.LogException, none(), xpy._Py_TrueStruct)) {
+        return {};
+    }
+    return new_none();
+}
+
+/// One event. `args` are the interpreter's: the code object, then what the event brings.
+PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
+    Data& callback = data(self);
+    if (is_logging_first_stage(m)) {
+        const Ref second_callback = load_field(self, callback._fSecondCallback);
+        if (!second_callback || !log_called(m, second_callback.get(), args[0])) {
+            return log_exception(m).release();
+        }
+    }
+    const bool is_line = __atomic_load_n(&callback._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
+    PyObject* lineno_obj = is_line && nargs > 1 ? args[1] : none();
+    Ref answer;
+    switch (_SkipDetermination(m, callback, args[0], lineno_obj)) {
+        case Answer::Skip:
+            return new_none().release();
+        case Answer::Disable:
+            answer = load_global(m, m.globals.kSysMonitoringDisable);
+            break;
+        case Answer::Call:
+            answer = call_second(m, self, args, nargs);
+            break;
+        case Answer::Failed:
+            break;
+    }
+    return answer ? answer.release() : log_exception(m).release();
+}
+
+/// Arguments of a call that Python code makes: at least the code object, and no keywords.
+bool check_call(Py_ssize_t nargs, PyObject* kwnames) {
+    if (nargs == 0) {
+        xpy.PyErr_SetString(xpy.PyExc_TypeError, "argument is missing");
+        return false;
+    }
+    if (kwnames != nullptr && xpy.PyTuple_Size(kwnames) != 0) {
+        xpy.PyErr_SetString(xpy.PyExc_TypeError, "Excess keyword arguments passed to function");
+        return false;
+    }
+    return true;
+}
+
+PyObject* call_callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    return check_call(nargs, kwnames) ? Callback(m, self, args, nargs) : nullptr;
+}
+
+/// The interpreter's entry: `instance.Callback` is a built-in that holds the instance and its class.
+PyObject* bound_callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, Py_ssize_t nargs,
+                         PyObject* kwnames) {
+    ModuleState* m = class_data_as<ClassData>(defining_class).record.m;
+    if (XPY_UNLIKELY(m == nullptr)) {
+        raise_unset();
+        return nullptr;
+    }
+    if (XPY_UNLIKELY(nargs == 0 || kwnames != nullptr) && !check_call(nargs, kwnames)) {
+        return nullptr;
+    }
+    return Callback(*m, self, args, nargs);
+}
+
+#define CALLBACK_DOC                                                                                              \
+    "The sys.monitoring callback: decides whether the event is of interest and calls the second callback with\n" \
+    "`code_object` and the event's other arguments where it is. Returns kSysMonitoringDisable, None, or what the\n" \
+    "second callback returns. An exception on the way goes to the debugger's log, and None is returned."
+
+PyMethodDef kBoundCallback = {"Callback", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(bound_callback)),
+                              METH_METHOD | METH_FASTCALL | METH_KEYWORDS,
+                              "Callback($self, code_object, /, *args)\n--\n\n" CALLBACK_DOC};
+
+/// Record found in the code object's slot or the weak-reference registry, or None.
+Ref existing_record(ModuleState& m, PyObject* code_object) {
+    return per_code_object::_GetExistingPerCodeObject(m, code_object);
+}
+
+bool is_settled(PyObject* per_code_object) {
+    return __atomic_load_n(&per_code_object::data(per_code_object).fUpdatePathnameNeeded, __ATOMIC_RELAXED) == 0;
+}
+
+/// Makes the record of a code object, or settles one made without a frame, with the monitored frame.
+XPY_COLD Ref create_or_settle(ModuleState& m, PyObject* code_object, Ref record) {
+    const Ref frame = innermost_frame();
+    if (!frame) {
+        return {};
+    }
+    if (frame.get() == none()) {
+        xpy.PyErr_SetString(xpy.PyExc_RuntimeError, "no Python frame in the monitored thread");
+        return {};
+    }
+    if (record.get() == none()) {
+        return per_code_object::GetPerCodeObject(m, code_object, true, frame.get());
+    }
+    return per_code_object::_UpdatePathnameFromFrame(m, record.get(), frame.get()) ? std::move(record) : Ref();
+}
+
+Ref answer_object(ModuleState& m, Answer answer) {
+    switch (answer) {
+        case Answer::Call:
+            return new_bool(false);
+        case Answer::Skip:
+            return new_none();
+        case Answer::Disable:
+            return load_global(m, m.globals.kSysMonitoringDisable);
+        default:
+            return {};
+    }
+}
+
+/// Whether `object` is a per-code-object record; TypeError otherwise.
+bool check_per_code_object(ModuleState& m, PyObject* object) {
+    return record_data<PerCodeObjectData>(object, per_code_object::this_class(m), "CPerCodeObject") != nullptr;
+}
+
+Ref initialise(PyObject* self, const Argument* args) {
+    Data& callback = data(self);
+    __atomic_store_n(&callback._fEventId, args[0].integer, __ATOMIC_RELAXED);
+    if (write_member(self, &callback, kFields[1], args[1].object) != 0) {
+        return {};
+    }
+    __atomic_store_n(&callback._fCanReturnDisable, args[2].truth, __ATOMIC_RELAXED);
+    __atomic_store_n(&callback.fAnySuspendThread, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&callback.fSteppingEventsNeededEveryThread, 0, __ATOMIC_RELAXED);
+    return new_none();
+}
+
+constexpr ParamDecl kInitParams[] = {
+    {"event_id", ValueType::Integer}, {"second_callback"}, {"can_return_disable", ValueType::Truth}};
+constexpr ParamDecl kCallbackParams[] = {{"code_object"}};
+constexpr ParamDecl kDeterminationParams[] = {{"code_object"}, {"lineno_obj"}};
+constexpr ParamDecl kSecondParams[] = {{"code_object"}, {"per_code_object"}, {"per_thread"}, {"lineno_obj"}};
+constexpr ParamDecl kPerThreadParams[] = {{"per_thread"}};
+
+constexpr FunctionDecl kMethods[] = {
+    {"__init__", kInitParams,
+     [](ModuleState& /*m*/, PyObject* self, const Argument* args) { return initialise(self, args); },
+     "Makes the first stage of the event `event_id` (an int): `second_callback` is the tracer's callable for events of\n"
+     "interest, `can_return_disable` whether locations of internal code may be switched off for good. Raises\n"
+     "AttributeError where the instance has been initialised before.",
+     Binding::Instance},
+    {"_IsInitialCallbackLogging", {},
+     [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
+         return new_bool(_IsInitialCallbackLogging(m));
+     },
+     "Returns whether a diagnostic file is set, a bool; the mask is looked at for each line.", Binding::Instance},
+    {"Callback", kCallbackParams, nullptr, CALLBACK_DOC, Binding::Instance, call_callback, &kBoundCallback},
+    {"_SkipDetermination", kDeterminationParams,
+     [](ModuleState& m, PyObject* self, const Argument* args) {
+         return answer_object(m, _SkipDetermination(m, data(self), args[0].object, args[1].object));
+     },
+     "Decides an event of `code_object`; `lineno_obj` is the line of a LINE event, else None. Returns False (call the\n"
+     "second callback), None (skip) or kSysMonitoringDisable (skip for good).",
+     Binding::Instance},
+    {"_SkipSecondCallback", kSecondParams,
+     [](ModuleState& m, PyObject* self, const Argument* args) {
+         if (!check_per_code_object(m, args[1].object) || per_thread::checked_data(m, args[2].object) == nullptr) {
+             return Ref();
+         }
+         const int skip = _SkipSecondCallback(m, data(self), args[1].object, args[2].object, args[3].object);
+         return skip < 0 ? Ref() : new_bool(skip != 0);
+     },
+     "Returns whether the second callback can be skipped, a bool, from the records `per_code_object` and `per_thread`\n"
+     "and the line `lineno_obj`; `code_object` is not looked at.",
+     Binding::Instance},
+    {"_CInitialCallback__GetPerCodeObjectCalledFromCallback", kCallbackParams,
+     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
+         return __GetPerCodeObjectCalledFromCallback(m, args[0].object);
+     },
+     "Returns the CPerCodeObject of `code_object`, made where it is missing.", Binding::Instance},
+    {"_CInitialCallback__GetPerThreadCalledFromCallback", {},
+     [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
+         return __GetPerThreadCalledFromCallback(m);
+     },
+     "Returns the calling thread's CPerThread, made where it is missing.", Binding::Instance},
+    {"_SuspendIfNeeded", kPerThreadParams,
+     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
+         return _SuspendIfNeeded(m, args[0].object) ? new_none() : Ref();
+     },
+     "Waits while the tracer holds `per_thread.fSuspendLock`, where fCheckSuspendLock is true. Returns None.",
+     Binding::Instance},
+};
+
+constexpr ClassDecl kClass = {
+    CLASS_NAMES(CInitialCallback),
+    "The first stage of a monitored event: its Callback is registered with sys.monitoring and calls the tracer's\n"
+    "second callback only for events of interest.",
+    sizeof(Data), kFields, sizeof(ClassData), kClassFields, kMethods};
+
+}  // namespace
+
+Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object) {
+    Ref record = existing_record(m, code_object);
+    if (XPY_UNLIKELY(!record)) {
+        return {};
+    }
+    if (XPY_LIKELY(record.get() != none() && is_settled(record.get()))) {
+        return record;
+    }
+    return create_or_settle(m, code_object, std::move(record));
+}
+
+Ref __GetPerThreadCalledFromCallback(ModuleState& m) {
+    Ref per_thread = per_thread::GetPerThread(m, none(), true);
+    if (!per_thread || per_thread.get() == none()) {
+        return per_thread;
+    }
+    const Ref name = load_field(per_thread.get(), per_thread::data(per_thread.get()).fThreadName);
+    if (!name || (name.get() == none() && !per_thread::FindThreadName(per_thread.get()))) {
+        return {};
+    }
+    return per_thread;
+}
+
+Ref create(ModuleState& m) {
+    Ref cls = create_class(m, blueprint<kClass>(), m.types.CInitialCallback_class);
+    if (cls) {
+        set_class_word(as_type(cls.get()), kClassFields[0], 0);
+    }
+    return cls;
+}
+
+}  // namespace initial_callback

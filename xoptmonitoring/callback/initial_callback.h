@@ -1,0 +1,40 @@
+// CInitialCallback: the first stage of a monitored event.
+#pragma once
+
+#include "xoptmonitoring/runtime/class_builder.h"
+
+struct InitialCallbackData {
+    Py_ssize_t _fEventId;
+    PyObject* _fSecondCallback;
+    std::int32_t _fCanReturnDisable;
+    std::int32_t fAnySuspendThread;
+    std::int32_t fSteppingEventsNeededEveryThread;
+};
+
+struct InitialCallbackClassData {
+    ClassRecord record;
+    Py_ssize_t _kOffsetForGetFrameInGetPerCodeObject;
+};
+
+namespace initial_callback {
+
+/// Creates the class and its metaclass. Empty with an exception set.
+Ref create(ModuleState& m);
+
+/// The class, borrowed; null with NameError set.
+inline PyTypeObject* this_class(ModuleState& m) {
+    return defined_class(m.globals.CInitialCallback, "CInitialCallback");
+}
+
+inline InitialCallbackData& data(PyObject* self) {
+    return instance_data_as<InitialCallbackData>(self);
+}
+
+/// The record of `code_object`, made where it is missing. Empty with an exception set.
+Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object);
+
+/// The calling thread's record, made where it is missing; None while the thread is inside its own clean-up. Empty with
+/// an exception set.
+Ref __GetPerThreadCalledFromCallback(ModuleState& m);
+
+}  // namespace initial_callback

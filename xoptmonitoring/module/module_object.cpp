@@ -1,0 +1,143 @@
+// The module object.
+//
+// The globals are not kept in the module's dictionary, where anybody could replace them, but in its state; each is
+// published under its name by a descriptor of the module's own type.
+#include "xoptmonitoring/module/module_object.h"
+
+#include "xoptmonitoring/runtime/managed_struct.h"
+
+#include <array>
+
+namespace {
+
+/// One published global.
+struct GlobalDecl {
+    const char* name;
+    FieldType type;
+    std::size_t offset;  ///< within ModuleGlobals
+    bool is_final;
+    const char* doc;
+};
+
+constexpr GlobalDecl kGlobals[] = {
+#define GLOBAL_FINAL(name, doc) {#name, FieldType::Object, offsetof(ModuleGlobals, name), true, doc},
+#define GLOBAL_OBJECT(name, doc) {#name, FieldType::Object, offsetof(ModuleGlobals, name), false, doc},
+#define GLOBAL_INTEGER(name, doc) {#name, FieldType::Int, offsetof(ModuleGlobals, name), false, doc},
+#include "xoptmonitoring/runtime/module_globals.def"
+};
+
+const GlobalDecl& row_of(void* closure) {
+    return *static_cast<const GlobalDecl*>(closure);
+}
+
+PyObject* get_global(PyObject* module, void* closure) {
+    const GlobalDecl& global = row_of(closure);
+    ModuleState* m = state_of(module);
+    if (m == nullptr) {
+        raise_unset();
+        return nullptr;
+    }
+    const FieldDecl field = {global.name, global.type, global.offset, kReadOnlyField, global.doc};
+    return read_member(module, &m->globals, field).release();
+}
+
+int set_global(PyObject* module, PyObject* value, void* closure) {
+    const GlobalDecl& global = row_of(closure);
+    if (value == nullptr) {
+        raise_no_deletion();
+    } else if (global.is_final) {
+        raise_final_already_set(global.name, module);
+    } else {
+        raise_readonly(global.name);
+    }
+    return -1;
+}
+
+template <std::size_t... Index>
+constexpr auto make_getsets(std::index_sequence<Index...> /*indexes*/) {
+    return std::array<PyGetSetDef, sizeof...(Index) + 1>{
+        PyGetSetDef{kGlobals[Index].name, get_global, set_global, kGlobals[Index].doc,
+                    const_cast<GlobalDecl*>(&kGlobals[Index])}...,
+        PyGetSetDef{}};
+}
+
+auto global_getsets = make_getsets(std::make_index_sequence<std::size(kGlobals)>{});
+
+/// `dir(module)`: the globals beside what the module's dictionary holds.
+PyObject* list_names(PyObject* module, PyObject* /*unused*/) {
+    Ref names = Ref::steal(xpy.PyDict_Keys(xpy.PyModule_GetDict(module)));
+    for (const GlobalDecl& global : kGlobals) {
+        const Ref name = names ? Ref::steal(xpy.PyUnicode_FromString(global.name)) : Ref();
+        if (!name || xpy.PyList_Append(names.get(), name.get()) != 0) {
+            return nullptr;
+        }
+    }
+    return names.release();
+}
+
+PyMethodDef module_methods[] = {
+    {"__dir__", list_names, METH_NOARGS, "Returns the names of the module's attributes, a list."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+template <class Function>
+Function base_slot(int slot) {
+    return reinterpret_cast<Function>(xpy.PyType_GetSlot(xpy.PyModule_Type_ptr, slot));
+}
+
+int traverse_module(PyObject* module, visitproc visit, void* arg) {
+    if (const int stop = visit(as_object(type_of(module)), arg)) {
+        return stop;
+    }
+    return base_slot<traverseproc>(Py_tp_traverse)(module, visit, arg);
+}
+
+int clear_module(PyObject* module) {
+    const int status = base_slot<inquiry>(Py_tp_clear)(module);
+    if (ModuleState* m = state_of(module)) {
+        clear_state(*m);
+    }
+    return status;
+}
+
+void finalize_module(PyObject* module) {
+    const PendingException pending;
+    if (auto finalize = base_slot<destructor>(Py_tp_finalize)) {
+        finalize(module);
+    }
+    if (ModuleState* m = state_of(module)) {
+        clear_state(*m);
+    }
+    if (xpy.PyErr_Occurred() != nullptr) {
+        xpy.PyErr_FormatUnraisable("Exception ignored in _XNotPy_ManagedStruct tp_finalize");
+    }
+}
+
+/// The module's own type. Made anew for each module object, which owns it.
+Ref create_module_type() {
+    PyType_Slot slots[] = {
+        {Py_tp_doc, const_cast<char*>("What runs inside a Python process while it is being debugged.")},
+        {Py_tp_traverse, reinterpret_cast<void*>(traverse_module)},
+        {Py_tp_clear, reinterpret_cast<void*>(clear_module)},
+        {Py_tp_finalize, reinterpret_cast<void*>(finalize_module)},
+        {Py_tp_getset, global_getsets.data()},
+        {Py_tp_methods, module_methods},
+        {0, nullptr},
+    };
+    PyType_Spec spec = {"xoptmonitoring._ModuleSubclass_xoptmonitoring", 0, 0,
+                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
+    const Ref bases = Ref::steal(xpy.Py_BuildValue("(O)", xpy.PyModule_Type_ptr));
+    return bases ? Ref::steal(xpy.PyType_FromSpecWithBases(&spec, bases.get())) : Ref();
+}
+
+}  // namespace
+
+PyObject* create_module(PyObject* /*spec*/, PyModuleDefBlock* /*definition*/) {
+    const Ref type = create_module_type();
+    const Ref name = type ? Ref::steal(xpy.PyUnicode_FromString("xoptmonitoring")) : Ref();
+    return name ? call(type.get(), name.get()).release() : nullptr;
+}
+
+ModuleState* state_of(PyObject* module) {
+    return static_cast<ModuleState*>(xpy.PyModule_GetState(module));
+}

@@ -1,0 +1,10 @@
+// The module object: a subclass of the interpreter's module type whose attributes are the module's globals.
+#pragma once
+
+#include "xoptmonitoring/runtime/module_state.h"
+
+/// Creates the module object; the interpreter's creation step of multi-phase initialisation.
+PyObject* create_module(PyObject* spec, PyModuleDefBlock* definition);
+
+/// The state of a module object, or null where it has none (yet), with no exception set.
+ModuleState* state_of(PyObject* module);

@@ -1,0 +1,126 @@
+// The interpreter's code-extra slots, as far as this module reserved them.
+#include "xoptmonitoring/records/code_extra.h"
+
+#include "xoptmonitoring/runtime/locks.h"
+
+namespace {
+
+/// More slots than any interpreter hands out (255 so far).
+constexpr Py_ssize_t kMaxIndexes = 1024;
+constexpr Py_ssize_t kWordBits = 64;
+
+/// One bit per index that this module reserved, for the life of the process.
+std::uint64_t own_indexes[kMaxIndexes / kWordBits];
+
+void note_own_index(Py_ssize_t index) {
+    __atomic_or_fetch(&own_indexes[index / kWordBits], std::uint64_t{1} << (index % kWordBits), __ATOMIC_RELAXED);
+}
+
+}  // namespace
+
+bool is_own_code_extra_index(Py_ssize_t index) {
+    if (index < 0 || index >= kMaxIndexes) {
+        return false;
+    }
+    const std::uint64_t word = __atomic_load_n(&own_indexes[index / kWordBits], __ATOMIC_RELAXED);
+    return (word >> (index % kWordBits) & 1) != 0;
+}
+
+Py_ssize_t request_code_extra_index() {
+    const Py_ssize_t index =
+        xpy.PyUnstable_Eval_RequestCodeExtraIndex(reinterpret_cast<freefunc>(xpy.Py_DecRef));
+    if (index < 0 || index >= kMaxIndexes) {
+        return -1;
+    }
+    note_own_index(index);
+    return index;
+}
+
+CodeExtra get_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index) {
+    void* extra = nullptr;
+    const bool own = is_own_code_extra_index(index);
+    const ObjectLock lock(guard);
+    if (xpy.PyUnstable_Code_GetExtra(code_object, own ? index : -1, &extra) < 0) {
+        return {Ref(), true};
+    }
+    return {Ref::share(own ? static_cast<PyObject*>(extra) : nullptr), false};
+}
+
+bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, PyObject* value,
+                    PyTypeObject* keep_instance_of, bool* kept) {
+    *kept = false;
+    Ref old;  // dropped after the lock: the interpreter lets go of a replaced object at once
+    const ObjectLock lock(guard);
+    void* extra = nullptr;
+    if (xpy.PyUnstable_Code_GetExtra(code_object, index, &extra) < 0) {
+        return false;
+    }
+    if (!is_own_code_extra_index(index)) {
+        xpy._PyErr_BadInternalCall(__FILE_NAME__, __LINE__);
+        return false;
+    }
+    old = Ref::share(static_cast<PyObject*>(extra));
+    if (old && old.get() != value && keep_instance_of != nullptr && is_instance_of(old.get(), keep_instance_of)) {
+        *kept = true;
+        return true;
+    }
+    Ref owned = Ref::share(value);
+    if (xpy.PyUnstable_Code_SetExtra(code_object, index, owned.get()) < 0) {
+        return false;
+    }
+    static_cast<void>(owned.release());  // the slot's from now on
+    return true;
+}
+
+namespace {
+
+/// The lock that guards all of the module's slots: that of the class whose records they hold.
+PyObject* slots_guard(ModuleState& m) {
+    return m.globals.CPerCodeObject;
+}
+
+Ref request_index(ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*args*/) {
+    const Py_ssize_t index = request_code_extra_index();
+    if (index < 0 && xpy.PyErr_Occurred() != nullptr) {
+        return {};
+    }
+    return new_int(index);
+}
+
+Ref get_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    CodeExtra extra = get_code_extra(slots_guard(m), args[0].object, args[1].integer);
+    if (extra.failed) {
+        return {};
+    }
+    return extra.value ? std::move(extra.value) : new_none();
+}
+
+Ref set_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    bool kept = false;
+    const bool done =
+        set_code_extra(slots_guard(m), args[0].object, args[1].integer, args[2].object, nullptr, &kept);
+    return done ? new_none() : Ref();
+}
+
+constexpr ParamDecl kGetParams[] = {{"code_object"}, {"index", ValueType::Integer}};
+constexpr ParamDecl kSetParams[] = {{"code_object"}, {"index", ValueType::Integer}, {"value"}};
+
+}  // namespace
+
+const FunctionDecl kCodeRequestExtraIndexForOwnedRef = {
+    "_Code_RequestExtraIndexForOwnedRef", {}, request_index,
+    "_Code_RequestExtraIndexForOwnedRef()\n\n"
+    "Reserves a slot in every code object that owns a reference to what is stored there. Returns its index, an int,\n"
+    "or -1 where no slot is to be had."};
+
+const FunctionDecl kCodeGetExtra = {
+    "_Code_GetExtra", kGetParams, get_extra,
+    "_Code_GetExtra(code_object, index)\n\n"
+    "Returns the object in slot `index` (an int) of `code_object`, or None where there is none. Raises SystemError for\n"
+    "what is no code object."};
+
+const FunctionDecl kCodeSetExtra = {
+    "_Code_SetExtra", kSetParams, set_extra,
+    "_Code_SetExtra(code_object, index, value)\n\n"
+    "Stores `value` in slot `index` (an int) of `code_object`, with a reference of its own. Returns None. Raises\n"
+    "SystemError for what is no code object and for a slot that was not reserved here."};

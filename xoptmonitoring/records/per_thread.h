@@ -1,0 +1,24 @@
+// CPerThread: the record of one thread.
+#pragma once
+
+#include "xoptmonitoring/records/per_thread_data.h"
+
+namespace per_thread {
+
+/// Creates the class, its nested classes and their metaclasses, with empty registries. Empty with an exception set.
+Ref create(ModuleState& m);
+
+/// The record of the thread `thread_id` (None: the calling thread), made where it is missing and `create_missing`
+/// says so; None otherwise, and while the thread is inside its own clean-up. Empty with an exception set.
+Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing);
+
+/// The thread's name, asked for where it is not known yet. Empty with an exception set.
+Ref FindThreadName(PyObject* self);
+
+/// Drops everything that the record holds, so that cycles through frames are broken.
+void _Clear(PyObject* self);
+
+/// Empties the registries and drops the callbacks, in the order of the module's reset. False with an exception set.
+bool reset(ModuleState& m);
+
+}  // namespace per_thread

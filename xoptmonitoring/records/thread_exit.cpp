@@ -1,0 +1,289 @@
+// Thread exit: the marker in a thread-state dictionary whose death discards the thread's record.
+//
+// The interpreter has no thread-exit hook. It does clear a thread's dictionary when it destroys the thread state, so
+// a small object planted there dies exactly then, and the finaliser attached to it runs the clean-up on the exiting
+// thread. Two sets of thread ids settle what can happen meanwhile: a record discarded by hand, an id given to a new
+// thread, Python code that asks for the thread's record from within the clean-up.
+#include "xoptmonitoring/records/thread_exit.h"
+
+#include "xoptmonitoring/records/per_thread.h"
+#include "xoptmonitoring/records/registry_lock.h"
+#include "xoptmonitoring/records/tracing.h"
+#include "xoptmonitoring/records/tss_cache.h"
+#include "xoptmonitoring/runtime/handled_exception.h"
+
+namespace thread_exit {
+namespace {
+
+using Data = CleanupSupportData;
+using ThreadClassData = PerThreadClassData;
+
+constexpr FieldDecl kFields[] = {
+    {"fPerThread", FieldType::Object, offsetof(Data, fPerThread), 0,
+     "The CPerThread that this object cleans up; None once cleared."},
+    {"_fFinalizer", FieldType::Object, offsetof(Data, _fFinalizer), 0,
+     "The weakref.finalize of the thread's capsule; None while no capsule is planted."},
+};
+
+Data& data(PyObject* self) {
+    return instance_data_as<Data>(self);
+}
+
+/// Data of `object`, or null with TypeError set; also for an object from a registry that Python code has filled.
+Data* checked_data(ModuleState& m, PyObject* object) {
+    const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
+    if (!cls) {
+        return nullptr;
+    }
+    if (!is_instance_of(object, as_type(cls.get()))) {
+        raise_expected_instance("_CCleanupSupport", object);
+        return nullptr;
+    }
+    return &data(object);
+}
+
+/// `self._fFinalizer.detach()` where a capsule is planted: it may live on, but its death triggers nothing any more.
+bool detach_finalizer(ModuleState& m, PyObject* self) {
+    const Ref finalizer = load_field(self, data(self)._fFinalizer);
+    if (!finalizer) {
+        return false;
+    }
+    return finalizer.get() == none() || call_method(finalizer.get(), m.names.detach);
+}
+
+bool _InvalidateCapsule(ModuleState& m, PyObject* self) {
+    if (!detach_finalizer(m, self)) {
+        return false;
+    }
+    store_field(self, data(self)._fFinalizer, new_none());
+    return true;
+}
+
+bool is_instance_of_capsule(ModuleState& m, PyObject* object, int* answer) {
+    const Ref capsule_class = per_thread::class_slot(m, &ThreadClassData::_CCapsule);
+    *answer = capsule_class ? is_instance(object, capsule_class.get()) : -1;
+    return *answer >= 0;
+}
+
+/// Pops `key` from a registry where it maps to `value`.
+bool pop_if_same(ModuleState& m, PyObject* ThreadClassData::*slot, PyObject* key, PyObject* value) {
+    const Ref registry = per_thread::class_slot(m, slot);
+    const Ref found = registry ? dict_get(registry.get(), key, m.names.get) : Ref();
+    if (!found) {
+        return false;
+    }
+    return found.get() != value || dict_pop(registry.get(), key, m.names.pop);
+}
+
+bool change_id_set(ModuleState& m, PyObject* ThreadClassData::*slot, PyObject* method, PyObject* thread_id) {
+    const Ref ids = per_thread::class_slot(m, slot);
+    return ids && call_method(ids.get(), method, thread_id);
+}
+
+/// The part of the clean-up under the registry lock: a record already replaced by a newer one for a reused id stays.
+bool leave_registries(ModuleState& m, PyObject* self, PyObject* thread_id, PyObject* per_thread) {
+    Ref finalizer;  // dropped after the lock
+    RegistryLock lock(m);
+    if (!lock.is_held() || !pop_if_same(m, &ThreadClassData::_fPerThreadDict, thread_id, per_thread)) {
+        return false;
+    }
+    finalizer = peek_slot(self, data(self)._fFinalizer);
+    store_field(self, data(self)._fFinalizer, new_none());
+    return pop_if_same(m, &ThreadClassData::_fCleanupSupportByThreadId, thread_id, self) && lock.release();
+}
+
+bool clean_up(ModuleState& m, PyObject* self) {
+    const Ref per_thread = load_field(self, data(self).fPerThread);
+    if (!per_thread || per_thread.get() == none()) {
+        return static_cast<bool>(per_thread);
+    }
+    const PerThreadData* record = per_thread::checked_data(m, per_thread.get());
+    const Ref thread_id = record != nullptr ? load_field(per_thread.get(), record->fThreadId) : Ref();
+    if (!thread_id || !change_id_set(m, &ThreadClassData::_fCleanedUpThreadIds, m.names.add, thread_id.get()) ||
+        !leave_registries(m, self, thread_id.get(), per_thread.get())) {
+        return false;
+    }
+    per_thread::_Clear(per_thread.get());
+    return true;
+}
+
+/// `traceback.print_exc()` while the pending exception is the handled one: a finaliser must not raise.
+void print_and_swallow(ModuleState& m) {
+    const HandledException handled(Ref::steal(xpy.PyErr_GetRaisedException()));
+    const Ref traceback = load_global(m, m.globals.traceback);
+    if (!traceback || !call_method(traceback.get(), m.names.print_exc)) {
+        xpy.PyErr_Clear();
+    }
+}
+
+/// The finaliser's callback, on the exiting thread while its thread state is being cleared.
+bool __CapsuleDestructor(ModuleState& m, PyObject* self) {
+    const Ref current_thread_id = thread_ident();
+    if (!current_thread_id ||
+        !change_id_set(m, &ThreadClassData::_fDestructorActiveThreadIds, m.names.add, current_thread_id.get())) {
+        return false;
+    }
+    bool done = AddToThreadStateTracing(m, 1);
+    if (done) {
+        if (!clean_up(m, self)) {
+            print_and_swallow(m);
+        }
+        done = AddToThreadStateTracing(m, -1);
+    }
+    PendingException pending;
+    if (!change_id_set(m, &ThreadClassData::_fDestructorActiveThreadIds, m.names.discard, current_thread_id.get())) {
+        pending.drop();
+        return false;
+    }
+    return done;
+}
+
+Ref none_or_error(bool done) {
+    return done ? new_none() : Ref();
+}
+
+constexpr ParamDecl kInitParams[] = {{"per_thread"}};
+constexpr ParamDecl kClearParams[] = {{"invalidate_capsule", ValueType::Truth, Default::True}};
+
+constexpr FunctionDecl kCleanupMethods[] = {
+    {"__init__", kInitParams,
+     [](ModuleState& /*m*/, PyObject* self, const Argument* args) {
+         store_field(self, data(self).fPerThread, Ref::share(args[0].object));
+         store_field(self, data(self)._fFinalizer, new_none());
+         return new_none();
+     },
+     "Makes the unarmed clean-up of the record `per_thread`.", Binding::Instance},
+    {"Clear", kClearParams,
+     [](ModuleState& m, PyObject* self, const Argument* args) {
+         return none_or_error(Clear(m, self, args[0].truth != 0));
+     },
+     "Disarms the clean-up and lets go of its record; where `invalidate_capsule` is true, a planted capsule's death\n"
+     "triggers nothing any more. Returns None.",
+     Binding::Instance},
+    {"SetCapsuleInThreadStateDict", {},
+     [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
+         return none_or_error(SetCapsuleInThreadStateDict(m, self));
+     },
+     "Plants a capsule in the calling thread's dictionary, which must be that of the record's thread. Returns None.",
+     Binding::Instance},
+    {"_InvalidateCapsule", {},
+     [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
+         return none_or_error(_InvalidateCapsule(m, self));
+     },
+     "Makes the death of a planted capsule trigger nothing any more. Returns None.", Binding::Instance},
+    {"_IsCapsuleDestructorBeingInvoked", {},
+     [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) {
+         const int invoked = _IsCapsuleDestructorBeingInvoked(m);
+         return invoked < 0 ? Ref() : new_bool(invoked != 0);
+     },
+     "Returns whether the calling thread is inside its own clean-up, a bool.", Binding::Class},
+    {"_CCleanupSupport__CapsuleDestructor", {},
+     [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
+         return none_or_error(__CapsuleDestructor(m, self));
+     },
+     "Discards the record, on the exiting thread; the finaliser of the capsule calls it. Returns None. Exceptions of\n"
+     "the clean-up itself are printed and swallowed.",
+     Binding::Instance},
+};
+
+constexpr ClassDecl kCapsuleClass = {NESTED_CLASS_NAMES(CPerThread, _CCapsule),
+                                     "The marker in a thread-state dictionary: it can be weakly referenced, and nothing else.",
+                                     0,
+                                     {},
+                                     sizeof(ClassRecord),
+                                     {},
+                                     {},
+                                     true};
+
+constexpr ClassDecl kCleanupSupportClass = {NESTED_CLASS_NAMES(CPerThread, _CCleanupSupport),
+                                            "What discards a thread's record when the thread ends.",
+                                            sizeof(Data),
+                                            kFields,
+                                            sizeof(ClassRecord),
+                                            {},
+                                            kCleanupMethods};
+
+}  // namespace
+
+Ref create_capsule_class(ModuleState& m) {
+    return create_class(m, blueprint<kCapsuleClass>(), m.types.CCapsule_class);
+}
+
+Ref create_cleanup_support_class(ModuleState& m) {
+    return create_class(m, blueprint<kCleanupSupportClass>(), m.types.CCleanupSupport_class);
+}
+
+Ref new_cleanup_support(ModuleState& m, PyObject* per_thread) {
+    const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
+    return cls ? call(cls.get(), per_thread) : Ref();
+}
+
+bool SetCapsuleInThreadStateDict(ModuleState& m, PyObject* cleanup_support) {
+    PyObject* self = cleanup_support;
+    if (checked_data(m, self) == nullptr) {
+        return false;
+    }
+    const Ref thread_local_dict = _GetThreadStateDict(m);
+    if (!thread_local_dict || thread_local_dict.get() == none()) {
+        return static_cast<bool>(thread_local_dict);
+    }
+    const Ref key = load_global(m, m.globals._gThreadStateDictKey);
+    const Ref existing = key ? dict_get(thread_local_dict.get(), key.get(), m.names.get) : Ref();
+    int is_capsule = 0;
+    if (!existing || !is_instance_of_capsule(m, existing.get(), &is_capsule) ||
+        (is_capsule != 0 && !detach_finalizer(m, self))) {
+        return false;
+    }
+    const Ref capsule_class = per_thread::class_slot(m, &ThreadClassData::_CCapsule);
+    const Ref capsule = capsule_class ? call(capsule_class.get()) : Ref();
+    const Ref weakref = capsule ? load_global(m, m.globals.weakref) : Ref();
+    const Ref destructor = weakref ? get_attr(self, m.names._CCleanupSupport__CapsuleDestructor) : Ref();
+    Ref finalizer =
+        destructor ? call_method(weakref.get(), m.names.finalize, capsule.get(), destructor.get()) : Ref();
+    if (!finalizer) {
+        return false;
+    }
+    store_field(self, data(self)._fFinalizer, std::move(finalizer));
+    return dict_set(thread_local_dict.get(), key.get(), capsule.get());
+}
+
+int is_armed(ModuleState& m, PyObject* cleanup_support) {
+    const Data* support = checked_data(m, cleanup_support);
+    const Ref finalizer = support != nullptr ? load_field(cleanup_support, support->_fFinalizer) : Ref();
+    if (!finalizer) {
+        return -1;
+    }
+    return finalizer.get() != none() ? 1 : 0;
+}
+
+bool Clear(ModuleState& m, PyObject* cleanup_support, bool invalidate_capsule) {
+    Data* support = checked_data(m, cleanup_support);
+    if (support == nullptr) {
+        return false;
+    }
+    if (invalidate_capsule && !_InvalidateCapsule(m, cleanup_support)) {
+        xpy.PyErr_Clear();
+    }
+    store_field(cleanup_support, support->fPerThread, new_none());
+    store_field(cleanup_support, support->_fFinalizer, new_none());
+    return true;
+}
+
+int _IsCapsuleDestructorBeingInvoked(ModuleState& m) {
+    const Ref current = thread_ident();
+    const Ref active = current ? per_thread::class_slot(m, &ThreadClassData::_fDestructorActiveThreadIds) : Ref();
+    return active ? contains(active.get(), current.get()) : -1;
+}
+
+Ref _GetThreadStateDict(ModuleState& m) {
+    const Ref support = load_global(m, m.globals.dbgpythonapi);
+    const Ref address = support ? call_method(support.get(), m.names.PyThreadState_GetDict_as_void_ptr) : Ref();
+    return address ? call_method(support.get(), m.names.VoidPtrAsObject, address.get()) : Ref();
+}
+
+}  // namespace thread_exit
+
+const FunctionDecl kGetThreadStateDict = {
+    "_GetThreadStateDict", {},
+    [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) { return thread_exit::_GetThreadStateDict(m); },
+    "_GetThreadStateDict()\n\nReturns the calling thread's thread-state dictionary, or None."};

@@ -1,0 +1,37 @@
+// Thread exit: the marker in a thread-state dictionary whose death discards the thread's record.
+#pragma once
+
+#include "xoptmonitoring/records/per_thread_data.h"
+
+struct CleanupSupportData {
+    PyObject* fPerThread;
+    PyObject* _fFinalizer;
+};
+
+namespace thread_exit {
+
+/// Create the nested classes. Empty with an exception set.
+Ref create_capsule_class(ModuleState& m);
+Ref create_cleanup_support_class(ModuleState& m);
+
+/// A new, unarmed _CCleanupSupport for a record. Empty with an exception set.
+Ref new_cleanup_support(ModuleState& m, PyObject* per_thread);
+
+/// Plants a capsule in the calling thread's dictionary; its death runs the clean-up. False with an exception set.
+bool SetCapsuleInThreadStateDict(ModuleState& m, PyObject* cleanup_support);
+
+/// Whether a capsule has been planted: 1, 0, or -1 with an exception set.
+int is_armed(ModuleState& m, PyObject* cleanup_support);
+
+/// Disarms the clean-up. False with an exception set.
+bool Clear(ModuleState& m, PyObject* cleanup_support, bool invalidate_capsule);
+
+/// Whether the calling thread is inside its own clean-up: 1, 0, or -1 with an exception set.
+int _IsCapsuleDestructorBeingInvoked(ModuleState& m);
+
+/// The calling thread's thread-state dictionary, or None. Empty with an exception set.
+Ref _GetThreadStateDict(ModuleState& m);
+
+}  // namespace thread_exit
+
+extern const FunctionDecl kGetThreadStateDict;

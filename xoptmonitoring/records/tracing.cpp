@@ -1,0 +1,85 @@
+// Thread-state tracing: keeping the debugger's own callbacks from raising monitoring events.
+#include "xoptmonitoring/records/tracing.h"
+
+#include "xoptmonitoring/runtime/log_lines.h"
+
+namespace {
+
+Ref tracing_line(ModuleState& m, Py_ssize_t count) {
+    const Ref number = new_int(count);
+    if (!number) {
+        return {};
+    }
+    return Ref::steal(xpy.PyUnicode_FromFormat("%U%U%R%U", m.literals.add_to_tracing, m.literals.count_is,
+                                               number.get(), m.literals.newline));
+}
+
+/// `tracer(tstate)`, |count| times.
+bool repeat(PyObject* support, PyObject* name, PyObject* tstate, Py_ssize_t count) {
+    const Py_ssize_t step = count > 0 ? 1 : -1;
+    for (Py_ssize_t left = count; left != 0; left -= step) {
+        if (!call_method(support, name, tstate)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count) {
+    if (is_logging(m, load_global(m.globals.kLogThreading)) && !write_log_line(m, tracing_line(m, count))) {
+        return false;
+    }
+    const Ref support = load_global(m, m.globals.dbgpythonapi);
+    const Ref tstate = support ? call_method(support.get(), m.names.PyThreadState_Get) : Ref();
+    if (!tstate) {
+        return false;
+    }
+    PyObject* name = count > 0 ? m.names.PyThreadState_EnterTracing : m.names.PyThreadState_LeaveTracing;
+    return repeat(support.get(), name, tstate.get(), count);
+}
+
+bool call_untraced(ModuleState& m, PyObject* callback, PyObject* object) {
+    if (callback == none()) {
+        return true;
+    }
+    if (!AddToThreadStateTracing(m, 1)) {
+        return false;
+    }
+    const bool called = static_cast<bool>(call(callback, object));
+    PendingException pending;
+    if (!AddToThreadStateTracing(m, -1)) {
+        pending.drop();
+        return false;
+    }
+    return called;
+}
+
+namespace {
+
+Ref add_to_tracing(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    return AddToThreadStateTracing(m, args[0].integer) ? new_none() : Ref();
+}
+
+Ref call_new_object_callback(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    return call_untraced(m, args[0].object, args[1].object) ? new_none() : Ref();
+}
+
+constexpr ParamDecl kCountParams[] = {{"count", ValueType::Integer}};
+constexpr ParamDecl kCallbackParams[] = {{"callback"}, {"obj"}};
+
+}  // namespace
+
+const FunctionDecl kAddToThreadStateTracing = {
+    "AddToThreadStateTracing", kCountParams, add_to_tracing,
+    "AddToThreadStateTracing(count)\n\n"
+    "Raises the calling thread's tracing level by `count` (an int), or lowers it where that is negative: while the\n"
+    "level is above zero, the thread raises no monitoring events. Callers pair 1 with -1 in a try and finally.\n"
+    "Returns None. Raises what the support module raises."};
+
+const FunctionDecl kCallNewObjectCallback = {
+    "_CallNewObjectCallback", kCallbackParams, call_new_object_callback,
+    "_CallNewObjectCallback(callback, obj)\n\n"
+    "Calls `callback(obj)` while the calling thread raises no monitoring events; a `callback` of None is not called.\n"
+    "Returns None. Raises what the callback raises."};

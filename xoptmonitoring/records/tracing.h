@@ -1,0 +1,15 @@
+// Thread-state tracing: keeping the debugger's own callbacks from raising monitoring events.
+#pragma once
+
+#include "xoptmonitoring/runtime/function.h"
+
+/// Raises (count > 0) or lowers (count < 0) the calling thread's tracing level by |count|, through the debugger's
+/// support module. False with an exception set.
+bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count);
+
+/// Calls `callback(object)` untraced; a callback that is None is not called. The level is lowered again even when the
+/// callback raises, and its exception then goes on. False with an exception set.
+bool call_untraced(ModuleState& m, PyObject* callback, PyObject* object);
+
+extern const FunctionDecl kAddToThreadStateTracing;
+extern const FunctionDecl kCallNewObjectCallback;

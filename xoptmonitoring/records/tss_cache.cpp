@@ -1,0 +1,243 @@
+// _CPerThreadTssCache: the running thread's record, one thread-specific read away.
+//
+// Each thread that has stored something owns one slot record. It points at the thread's CPerThread, and that points
+// back: slot record R names X exactly when X's `_fPyTssDataPtr` is R, but for the moment inside Store. Slot records
+// are freed by their own thread only; another thread that detaches a record zeroes it and leaves it to its owner.
+//
+// Locking: on free-threaded interpreters `_gXOptTssCacheLock` guards the key's creation and every change of slot
+// records and back pointers. Names that end in `_locked` are called with it held.
+#include "xoptmonitoring/records/tss_cache.h"
+
+#include <cstdlib>
+
+namespace {
+
+/// Created on first use and kept for the life of the process.
+Py_tss_t* _gXOptPerThreadTssKey = nullptr;
+PyMutex _gXOptTssCacheLock = {};
+
+/// The key, or null where the interpreter cannot give one: the cache is then silently ineffective.
+Py_tss_t* ensure_key_locked() {
+    if (_gXOptPerThreadTssKey == nullptr) {
+        Py_tss_t* key = xpy.PyThread_tss_alloc();
+        if (key == nullptr) {
+            return nullptr;
+        }
+        if (xpy.PyThread_tss_create(key) != 0) {
+            xpy.PyThread_tss_free(key);
+            return nullptr;
+        }
+        _gXOptPerThreadTssKey = key;
+    }
+    return _gXOptPerThreadTssKey;
+}
+
+TssSlotRecord* current_record_locked(Py_tss_t* key) {
+    return static_cast<TssSlotRecord*>(xpy.PyThread_tss_get(key));
+}
+
+/// Frees the calling thread's slot record. False where it named an object that is no record of this module's class:
+/// the message is for the caller to raise, after the lock.
+bool _DropCurrentSlot_locked(PyTypeObject* cls, Ref* foreign) {
+    Py_tss_t* key = ensure_key_locked();
+    TssSlotRecord* rec = key != nullptr ? current_record_locked(key) : nullptr;
+    if (rec == nullptr) {
+        return true;
+    }
+    xpy.PyThread_tss_set(key, nullptr);
+    bool reached = true;
+    if (rec->per_thread != nullptr) {
+        if (is_instance_of(rec->per_thread, cls)) {
+            PerThreadData& owner = per_thread::data(rec->per_thread);
+            if (owner._fPyTssDataPtr == rec) {
+                owner._fPyTssDataPtr = nullptr;
+            }
+        } else {
+            *foreign = Ref::share(rec->per_thread);
+            reached = false;
+        }
+    }
+    std::free(rec);
+    return reached;
+}
+
+/// Drops the slot under the lock and raises, after it, where that met a foreign object.
+bool drop_current_slot(ModuleState& m) {
+    PyTypeObject* cls = per_thread::this_class(m);
+    if (cls == nullptr) {
+        return false;
+    }
+    Ref foreign;
+    {
+        const NativeLock lock(_gXOptTssCacheLock);
+        if (_DropCurrentSlot_locked(cls, &foreign)) {
+            return true;
+        }
+    }
+    raise_expected_instance("CPerThread", foreign.get());
+    return false;
+}
+
+}  // namespace
+
+namespace tss_cache {
+
+PyObject* peek(ModuleState& /*m*/) {
+    if (XPY_UNLIKELY(is_free_threaded() || _gXOptPerThreadTssKey == nullptr)) {
+        return nullptr;
+    }
+    const TssSlotRecord* rec = current_record_locked(_gXOptPerThreadTssKey);
+    if (rec == nullptr || rec->tstate != xpy.PyThreadState_Get()) {
+        return nullptr;
+    }
+    return rec->per_thread;
+}
+
+Ref Get(ModuleState& m) {
+    PyTypeObject* cls = per_thread::this_class(m);
+    if (cls == nullptr) {
+        return {};
+    }
+    Ref foreign;
+    {
+        const NativeLock lock(_gXOptTssCacheLock);
+        Py_tss_t* key = ensure_key_locked();
+        const TssSlotRecord* rec = key != nullptr ? current_record_locked(key) : nullptr;
+        if (rec == nullptr) {
+            return new_none();
+        }
+        // A second module object has a class of its own, whose records are not this one's to hand out.
+        if (rec->per_thread != nullptr && rec->tstate == xpy.PyThreadState_Get() &&
+            is_instance_of(rec->per_thread, cls)) {
+            return Ref::share(rec->per_thread);
+        }
+        // Stale: detached, or the operating system's thread has a new thread state.
+        if (_DropCurrentSlot_locked(cls, &foreign)) {
+            return new_none();
+        }
+    }
+    raise_expected_instance("CPerThread", foreign.get());
+    return {};
+}
+
+bool Store(ModuleState& m, PyObject* per_thread) {
+    PerThreadData* owner = per_thread::checked_data(m, per_thread);
+    if (owner == nullptr) {
+        return false;
+    }
+    PyTypeObject* cls = per_thread::this_class(m);
+    Ref foreign;
+    {
+        const NativeLock lock(_gXOptTssCacheLock);
+        Py_tss_t* key = ensure_key_locked();
+        auto* rec = key != nullptr ? static_cast<TssSlotRecord*>(std::calloc(1, sizeof(TssSlotRecord))) : nullptr;
+        if (rec == nullptr) {
+            return true;  // the cache is an optimisation
+        }
+        if (_DropCurrentSlot_locked(cls, &foreign)) {
+            if (xpy.PyThread_tss_set(key, rec) != 0) {
+                std::free(rec);
+                return true;
+            }
+            if (owner->_fPyTssDataPtr != nullptr) {
+                // Stored by another thread before: that slot must not name it any more.
+                *owner->_fPyTssDataPtr = {};
+            }
+            *rec = {per_thread, xpy.PyThreadState_Get()};
+            owner->_fPyTssDataPtr = rec;
+            return true;
+        }
+        std::free(rec);
+    }
+    raise_expected_instance("CPerThread", foreign.get());
+    return false;
+}
+
+bool Clear(ModuleState& m) {
+    return drop_current_slot(m);
+}
+
+void Detach(PerThreadData& per_thread) {
+    const NativeLock lock(_gXOptTssCacheLock);
+    TssSlotRecord* rec = std::exchange(per_thread._fPyTssDataPtr, nullptr);
+    if (rec == nullptr) {
+        return;
+    }
+    *rec = {};
+    if (_gXOptPerThreadTssKey != nullptr && current_record_locked(_gXOptPerThreadTssKey) == rec) {
+        xpy.PyThread_tss_set(_gXOptPerThreadTssKey, nullptr);
+        std::free(rec);
+    }
+}
+
+namespace {
+
+Ref none_or_error(bool done) {
+    return done ? new_none() : Ref();
+}
+
+constexpr ParamDecl kPerThreadParams[] = {{"per_thread"}};
+
+constexpr FunctionDecl kMethods[] = {
+    {"Get", {}, [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return Get(m); },
+     "Returns the calling thread's cached CPerThread, or None.", Binding::Class},
+    {"Store", kPerThreadParams,
+     [](ModuleState& m, PyObject* /*cls*/, const Argument* args) { return none_or_error(Store(m, args[0].object)); },
+     "Makes `per_thread` (a CPerThread) the calling thread's cached record. No reference is kept. Returns None.",
+     Binding::Class},
+    {"_DropCurrentSlot", {},
+     [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return none_or_error(drop_current_slot(m)); },
+     "Frees the calling thread's slot. Returns None.", Binding::Class},
+    {"Clear", {},
+     [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return none_or_error(Clear(m)); },
+     "Frees the calling thread's slot. Returns None.", Binding::Class},
+    {"Detach", kPerThreadParams,
+     [](ModuleState& m, PyObject* /*cls*/, const Argument* args) {
+         PerThreadData* record = per_thread::checked_data(m, args[0].object);
+         if (record == nullptr) {
+             return Ref();
+         }
+         Detach(*record);
+         return new_none();
+     },
+     "Makes sure that no thread's slot points at `per_thread` (a CPerThread) any more. Returns None.",
+     Binding::Class},
+};
+
+constexpr ClassDecl kClass = {CLASS_NAMES(_CPerThreadTssCache),
+                              "The cache of the running thread's record, in thread-specific storage.",
+                              0,
+                              {},
+                              sizeof(ClassRecord),
+                              {},
+                              kMethods};
+
+}  // namespace
+
+Ref create(ModuleState& m) {
+    return create_class(m, blueprint<kClass>(), m.types.CPerThreadTssCache_class);
+}
+
+}  // namespace tss_cache
+
+Ref thread_ident() {
+    return Ref::steal(xpy.PyLong_FromUnsignedLong(xpy.PyThread_get_thread_ident()));
+}
+
+namespace {
+
+Ref get_pid(ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*args*/) {
+    return new_int(xpy.cached_pid);
+}
+
+Ref get_thread_ident(ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*args*/) {
+    return thread_ident();
+}
+
+}  // namespace
+
+const FunctionDecl kGetPid = {"_GetPid", {}, get_pid,
+                              "_GetPid()\n\nReturns this process's id, an int; a forked child gets its own."};
+
+const FunctionDecl kGetThreadIdent = {"_GetThreadIdent", {}, get_thread_ident,
+                                      "_GetThreadIdent()\n\nReturns the calling thread's id, an int."};

@@ -1,0 +1,40 @@
+// _CPerThreadTssCache: the running thread's record, one thread-specific read away.
+#pragma once
+
+#include "xoptmonitoring/records/per_thread_data.h"
+
+/// What a thread's slot points at. The record is borrowed: no reference is held, so the cache keeps nothing alive.
+struct TssSlotRecord {
+    PyObject* per_thread;   ///< null once detached
+    PyThreadState* tstate;  ///< the thread state that was current when the record was stored
+};
+
+namespace tss_cache {
+
+/// Creates the class and its metaclass. Empty with an exception set.
+Ref create(ModuleState& m);
+
+/// The calling thread's cached record, or None. Empty with an exception set.
+Ref Get(ModuleState& m);
+
+/// The calling thread's cached record, borrowed, or null where Get() has to be asked. For the hot path of builds with
+/// a global lock, where nobody can take the record away before the caller has used it.
+PyObject* peek(ModuleState& m);
+
+/// Makes `per_thread` the calling thread's cached record. Does nothing where the slot cannot be had. False with an
+/// exception set.
+bool Store(ModuleState& m, PyObject* per_thread);
+
+/// Frees the calling thread's slot record. False with an exception set.
+bool Clear(ModuleState& m);
+
+/// Makes sure that no slot record points at the record whose data this is; from any thread. Raises nothing.
+void Detach(PerThreadData& per_thread);
+
+}  // namespace tss_cache
+
+/// The calling thread's id, as the interpreter numbers threads.
+Ref thread_ident();
+
+extern const FunctionDecl kGetPid;
+extern const FunctionDecl kGetThreadIdent;

@@ -1,0 +1,76 @@
+// Diagnostic lines of the Python level, and the four module functions that steer them.
+#include "xoptmonitoring/runtime/log_lines.h"
+
+bool write_log_line(ModuleState& m, const Ref& text) {
+    if (!text) {
+        return false;
+    }
+    const Ref file = load_global(m, m.globals._gDPrintfFile);
+    if (!file) {
+        return false;
+    }
+    return file.get() == none() || static_cast<bool>(call_method(file.get(), m.names.write, text.get()));
+}
+
+namespace {
+
+Ref set_file(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    store_global(m, m.globals._gDPrintfFile, Ref::share(args[0].object));
+    return new_none();
+}
+
+Ref set_mask(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    store_global(m, m.globals._gDPrintfMask, args[0].integer);
+    return new_none();
+}
+
+Ref get_mask(ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
+    return new_int(load_global(m.globals._gDPrintfMask));
+}
+
+/// The text of `dprintf`: a str as it is, or what a callable gives, so that a caller pays for building a message only
+/// when it is written.
+Ref resolve_text(PyObject* s) {
+    Ref text = is_str(s) ? Ref::share(s) : call(s);
+    if (text && !is_str(text.get())) {
+        xpy.PyErr_SetString(xpy.PyExc_TypeError, "s must be a string or a callable that returns a string");
+        return {};
+    }
+    return text;
+}
+
+Ref print_line(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    if (!is_logging(m, args[0].integer)) {
+        return new_none();
+    }
+    return write_log_line(m, resolve_text(args[1].object)) ? new_none() : Ref();
+}
+
+constexpr ParamDecl kFileParams[] = {{"f"}, {"fileno"}, {"win32_handle"}};
+constexpr ParamDecl kMaskParams[] = {{"mask", ValueType::Integer}};
+constexpr ParamDecl kDprintfParams[] = {{"domain", ValueType::Integer}, {"s"}};
+
+}  // namespace
+
+const FunctionDecl kSetDprintfFile = {
+    "set_dprintf_file", kFileParams, set_file,
+    "set_dprintf_file(f, fileno, win32_handle)\n\n"
+    "Sends the module's diagnostic lines to the `write` method of `f`; None switches them off. `fileno` and\n"
+    "`win32_handle` are accepted for the sake of callers that have them, and not used. Returns None."};
+
+const FunctionDecl kSetDprintfMask = {
+    "set_dprintf_mask", kMaskParams, set_mask,
+    "set_dprintf_mask(mask)\n\n"
+    "Chooses the diagnostic lines that are written: `mask` is an int made of the kLog... bits. Returns None.\n"
+    "Raises TypeError or OverflowError for what is no machine word."};
+
+const FunctionDecl kGetDprintfMask = {"get_dprintf_mask", {}, get_mask,
+                                      "get_dprintf_mask()\n\nReturns the mask of diagnostic lines, an int."};
+
+const FunctionDecl kDprintf = {
+    "dprintf", kDprintfParams, print_line,
+    "dprintf(domain, s)\n\n"
+    "Writes `s` to the diagnostic file when one of the bits in `domain` (an int) is in the mask. `s` is a str or\n"
+    "a callable without arguments that returns one; it is called only when the line is written. Nothing is added\n"
+    "to the text. Returns None. Raises TypeError where no str comes of `s`, and what the callable or the file's\n"
+    "`write` raises."};

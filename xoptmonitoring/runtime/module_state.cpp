@@ -1,0 +1,144 @@
+// The module's state: loading and storing globals, and its traversal and clearing.
+#include "xoptmonitoring/runtime/module_state.h"
+
+#include "xoptmonitoring/runtime/locks.h"
+#include "xoptmonitoring/runtime/python_calls.h"
+
+#include <span>
+
+namespace {
+
+/// A record made of nothing but object fields, seen as the run of fields that it is.
+template <class Record>
+std::span<PyObject*> objects_of(Record& record) {
+    static_assert(sizeof(Record) % sizeof(PyObject*) == 0);
+    return {reinterpret_cast<PyObject**>(&record), sizeof(Record) / sizeof(PyObject*)};
+}
+
+/// Empties the fields one by one: each is null before what it held is dropped, since that can run Python code.
+void drop_all(std::span<PyObject*> fields) {
+    for (PyObject*& field : fields) {
+        const Ref dropped = Ref::steal(std::exchange(field, nullptr));
+    }
+}
+
+int visit_all(std::span<PyObject*> fields, visitproc visit, void* arg) {
+    for (PyObject* field : fields) {
+        if (field == nullptr) {
+            continue;
+        }
+        if (const int stop = visit(field, arg)) {
+            return stop;
+        }
+    }
+    return 0;
+}
+
+bool fill_builtin(PyObject* builtins, PyObject*& field, const char* name) {
+    field = Ref::share(xpy.PyDict_GetItemString(builtins, name)).release();
+    if (field == nullptr && xpy.PyErr_Occurred() == nullptr) {
+        xpy.PyErr_Format(xpy.PyExc_NameError, "name '%s' is not defined", name);
+    }
+    return field != nullptr;
+}
+
+bool fill_text(PyObject*& field, const char* text) {
+    field = xpy.PyUnicode_InternFromString(text);
+    return field != nullptr;
+}
+
+}  // namespace
+
+Ref load_global(ModuleState& m, PyObject* const& slot) {
+    Ref value = peek_slot(m.module, slot);
+    if (!value) {
+        raise_unset();
+    }
+    return value;
+}
+
+void store_global(ModuleState& m, PyObject*& slot, Ref value) {
+    put_slot(m.module, slot, std::move(value));
+}
+
+bool store_final_global(ModuleState& m, PyObject*& slot, const char* name, Ref value) {
+    if (!value) {
+        return false;
+    }
+    {
+        const ObjectLock lock(m.module);
+        if (slot == nullptr) {
+            slot = value.release();
+            return true;
+        }
+    }
+    raise_final_already_set(name, m.module);
+    return false;
+}
+
+void store_global(ModuleState& m, std::int64_t& slot, std::int64_t value) {
+    const ObjectLock lock(m.module);
+    __atomic_store_n(&slot, value, __ATOMIC_RELAXED);
+}
+
+PyTypeObject* defined_class(PyObject* const& slot, const char* name) {
+    PyObject* value = __atomic_load_n(&slot, __ATOMIC_RELAXED);
+    if (XPY_UNLIKELY(value == nullptr)) {
+        xpy.PyErr_Format(xpy.PyExc_NameError, "name '%s' is not defined", name);
+    }
+    return as_type(value);
+}
+
+bool fill_tables(ModuleState& m) {
+    PyObject* builtins = xpy.PyEval_GetBuiltins();
+    if (builtins == nullptr) {
+        return false;
+    }
+#define BUILTIN(name)                                               \
+    if (!fill_builtin(builtins, m.builtins.name, #name)) {          \
+        return false;                                               \
+    }
+#include "xoptmonitoring/runtime/cached_builtins.def"
+#define INTERNED_NAME(name)                          \
+    if (!fill_text(m.names.name, #name)) {           \
+        return false;                                \
+    }
+#include "xoptmonitoring/runtime/interned_names.def"
+#define LITERAL(field, text)                         \
+    if (!fill_text(m.literals.field, text)) {        \
+        return false;                                \
+    }
+#include "xoptmonitoring/runtime/message_literals.def"
+    return true;
+}
+
+int traverse_state(ModuleState& m, visitproc visit, void* arg) {
+    if (const int stop = visit_all(objects_of(m.types), visit, arg)) {
+        return stop;
+    }
+#define GLOBAL_FINAL(name, doc)                                              \
+    if (m.globals.name != nullptr) {                                         \
+        if (const int stop = visit(m.globals.name, arg)) {                   \
+            return stop;                                                     \
+        }                                                                    \
+    }
+#define GLOBAL_OBJECT(name, doc) GLOBAL_FINAL(name, doc)
+#include "xoptmonitoring/runtime/module_globals.def"
+    return visit_all(objects_of(m.builtins), visit, arg);
+}
+
+void clear_tables(ModuleState& m) {
+    m.module = nullptr;
+    drop_all(objects_of(m.builtins));
+    drop_all(objects_of(m.names));
+    drop_all(objects_of(m.literals));
+}
+
+void clear_state(ModuleState& m) {
+    m.module = nullptr;
+    drop_all(objects_of(m.types));
+#define GLOBAL_FINAL(name, doc) drop_all({&m.globals.name, 1});
+#define GLOBAL_OBJECT(name, doc) GLOBAL_FINAL(name, doc)
+#include "xoptmonitoring/runtime/module_globals.def"
+    clear_tables(m);
+}

@@ -1,0 +1,98 @@
+// ModuleState: everything that one execution of the module keeps, held in the module object's own state.
+//
+// Ownership: all object fields own one reference, except `module`, which is borrowed (the module object outlives its
+// state) and serves as the address of the lock that guards the globals.
+#pragma once
+
+#include "xoptmonitoring/binding/refs.h"
+
+/// The module's globals, published as read-only attributes of the module object.
+struct ModuleGlobals {
+#define GLOBAL_FINAL(name, doc) PyObject* name;
+#define GLOBAL_OBJECT(name, doc) PyObject* name;
+#define GLOBAL_INTEGER(name, doc) std::int64_t name;
+#include "xoptmonitoring/runtime/module_globals.def"
+};
+
+/// The built-ins that the module calls.
+struct CachedBuiltins {
+#define BUILTIN(name) PyObject* name;
+#include "xoptmonitoring/runtime/cached_builtins.def"
+};
+
+/// One interned string per attribute or method name.
+struct InternedNames {
+#define INTERNED_NAME(name) PyObject* name;
+#include "xoptmonitoring/runtime/interned_names.def"
+};
+
+/// One interned string per message text.
+struct MessageLiterals {
+#define LITERAL(field, text) PyObject* field;
+#include "xoptmonitoring/runtime/message_literals.def"
+};
+
+/// The types behind the module's functions and classes.
+struct InternalTypes {
+    PyObject* function;
+    PyObject* managed_struct;
+    PyObject* frame;
+    PyObject* generator;
+    // One metaclass per class: its instance, the class, carries the class-level record.
+    PyObject* CPerFile_class;
+    PyObject* CPerCodeObject_class;
+    PyObject* CPerThreadTssCache_class;
+    PyObject* CPerThread_class;
+    PyObject* CCapsule_class;
+    PyObject* CCleanupSupport_class;
+    PyObject* CInitialCallback_class;
+    PyObject* CCanonicalPathnameMgr_class;
+};
+
+struct ModuleState {
+    PyObject* module;  ///< borrowed; null once teardown has begun
+    InternalTypes types;
+    ModuleGlobals globals;
+    CachedBuiltins builtins;
+    InternedNames names;
+    MessageLiterals literals;
+};
+
+/// A new reference to the global in `slot`, taken under the module's lock; empty with AttributeError "Attribute
+/// error" where it holds nothing.
+Ref load_global(ModuleState& m, PyObject* const& slot);
+
+/// Replaces a plain global; the old value is dropped after the lock.
+void store_global(ModuleState& m, PyObject*& slot, Ref value);
+
+/// Sets a final global, once. False with AttributeError where it already holds a value, which stays.
+bool store_final_global(ModuleState& m, PyObject*& slot, const char* name, Ref value);
+
+/// Sets an integer global under the module's lock.
+void store_global(ModuleState& m, std::int64_t& slot, std::int64_t value);
+
+/// An integer global: read without the lock, since the word is written whole.
+inline std::int64_t load_global(const std::int64_t& slot) {
+    return __atomic_load_n(&slot, __ATOMIC_RELAXED);
+}
+
+/// Whether an object global holds None (or nothing): a test that needs no reference and so no lock.
+inline bool global_is_none(PyObject* const& slot) {
+    PyObject* value = __atomic_load_n(&slot, __ATOMIC_RELAXED);
+    return value == none() || value == nullptr;
+}
+
+/// A class of this module, borrowed; null with NameError "name '...' is not defined" where it is not there (yet).
+PyTypeObject* defined_class(PyObject* const& slot, const char* name);
+
+/// Fills the cached built-ins, the interned names and the literals, in that order. False with an exception set.
+bool fill_tables(ModuleState& m);
+
+/// Visits every object of the state, for the garbage collector.
+int traverse_state(ModuleState& m, visitproc visit, void* arg);
+
+/// Drops what module clearing drops: the self-reference, then built-ins, names and literals.
+void clear_tables(ModuleState& m);
+
+/// Drops everything: internal types and metaclasses, the object globals, then what clear_tables drops.
+void clear_state(ModuleState& m);
