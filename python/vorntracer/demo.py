@@ -169,7 +169,7 @@ class CountingTracer(Tracer):
     def counts(self):
         """Return the counts of all threads together, as {event: Counter}."""
         totals = {event: collections.Counter() for event in self._initial_callbacks}
-        for (_, event, what), count in self._counts.items():
+        for (_, event, what), count in list(self._counts.items()):  # the sum below raises events itself
             totals[event][what] += count
         return totals
 

@@ -164,7 +164,7 @@ class Meeting:
             for path, table in interface.CLASSES.items() for name in table.class_fields
             if name not in ("kNotFoundTtlSeconds", "_kOffsetForGetFrameInGetPerCodeObject")]
 
-    def attempt(self, call, *args, **kwargs):
+    def attempt(self, call, /, *args, **kwargs):
         """Makes one call; a result and an ordinary exception are both fine."""
         self.calls += 1
         try:
@@ -188,7 +188,8 @@ class Meeting:
 
     def allowed(self, parameter, value):
         """Whether a call that gets this value comes back at all."""
-        return parameter not in COUNTS or type(value) is not int or not 1000 < abs(value) < 2**63
+        return (parameter not in COUNTS or type(value) is not int or abs(value) <= 1000
+                or not -2**63 <= value < 2**63)
 
     def meet(self, call, parameters):
         """Calls with one nasty value among plausible ones, with nasty ones only, too few and too many."""

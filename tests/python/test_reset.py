@@ -3,7 +3,6 @@
 import os
 import sys
 import threading
-import types
 import unittest
 import weakref
 
@@ -378,12 +377,12 @@ class OrderTest(XoTestCase):
         finally:
             CPerThread._fPerThreadDict.pop("foreign", None)
 
-    def test_a_failing_clean_up_support_stops_after_the_thread_records(self):
+    def test_a_foreign_object_among_the_clean_up_supports_stops_after_the_thread_records(self):
         self.fill()
-        CPerThread._fCleanupSupportByThreadId["foreign"] = types.SimpleNamespace(
-            Clear=Recorder(error=NastyError("no")))
+        CPerThread._fCleanupSupportByThreadId["foreign"] = 5
         try:
-            self.assert_raises_text(NastyError, "no", xo.reset)
+            with self.assertRaises((AttributeError, TypeError)):
+                xo.reset()
             self.assertEqual(self.still_there(), ["clean-up supports", "policy callback"])
         finally:
             CPerThread._fCleanupSupportByThreadId.pop("foreign", None)

@@ -53,6 +53,27 @@ int set_global(PyObject* module, PyObject* value, void* closure) {
     return -1;
 }
 
+bool is_global(PyObject* name) {
+    for (const GlobalDecl& global : kGlobals) {
+        if (xpy.PyUnicode_CompareWithASCIIString(name, global.name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Attribute access of the module. The interpreter's own would replace the error of an unset global by its "module
+/// has no attribute".
+PyObject* get_module_attribute(PyObject* module, PyObject* name) {
+    PyObject* value = xpy.PyObject_GenericGetAttr(module, name);
+    if (value != nullptr || xpy.PyErr_ExceptionMatches(xpy.PyExc_AttributeError) == 0 || is_global(name)) {
+        return value;
+    }
+    xpy.PyErr_Clear();
+    using getattrofunc = PyObject* (*)(PyObject*, PyObject*);
+    return reinterpret_cast<getattrofunc>(xpy.PyType_GetSlot(xpy.PyModule_Type_ptr, Py_tp_getattro))(module, name);
+}
+
 template <std::size_t... Index>
 constexpr auto make_getsets(std::index_sequence<Index...> /*indexes*/) {
     return std::array<PyGetSetDef, sizeof...(Index) + 1>{
@@ -120,6 +141,7 @@ Ref create_module_type() {
         {Py_tp_traverse, reinterpret_cast<void*>(traverse_module)},
         {Py_tp_clear, reinterpret_cast<void*>(clear_module)},
         {Py_tp_finalize, reinterpret_cast<void*>(finalize_module)},
+        {Py_tp_getattro, reinterpret_cast<void*>(get_module_attribute)},
         {Py_tp_getset, global_getsets.data()},
         {Py_tp_methods, module_methods},
         {0, nullptr},

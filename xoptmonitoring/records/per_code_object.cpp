@@ -77,7 +77,7 @@ Ref _GetExistingPerCodeObjectFromWeakref(ModuleState& m, PyTypeObject* cls, PyOb
 }
 
 /// Enters the record into the registry. `kept` tells that another record was there first.
-bool store_record(PyTypeObject* cls, PyObject* code_object, PyObject* per_code_object, bool* kept) {
+bool store_record(ModuleState& m, PyTypeObject* cls, PyObject* code_object, PyObject* per_code_object, bool* kept) {
     *kept = false;
     const Py_ssize_t index = extra_index(cls);
     if (index != -1) {
@@ -86,25 +86,32 @@ bool store_record(PyTypeObject* cls, PyObject* code_object, PyObject* per_code_o
     Data* record = record_data<Data>(per_code_object, cls, "CPerCodeObject");
     const Ref ref = record != nullptr ? load_field(per_code_object, record->fCodeObjectWeakRef) : Ref();
     const Ref registry = ref ? load_class_slot(cls, &ClassData::_fPerCodeObjectDict) : Ref();
-    return registry && dict_set(registry.get(), ref.get(), per_code_object);
+    const Ref winner =
+        registry ? call_method(registry.get(), m.names.setdefault, ref.get(), per_code_object) : Ref();
+    if (!winner || winner.get() == per_code_object) {
+        return static_cast<bool>(winner);
+    }
+    *kept = is_instance_of(winner.get(), cls);
+    return *kept || dict_set(registry.get(), ref.get(), per_code_object);
 }
 
 // ---- per-file membership ----
 
-/// The per-file record's set for the record's canonical pathname; None where there is no per-file record.
-Ref known_set(ModuleState& m, PyObject* self, bool create_missing) {
+/// The per-file record for the record's canonical pathname, or None.
+Ref find_per_file(ModuleState& m, PyObject* self, bool create_missing) {
     PyTypeObject* per_file_class = defined_class(m.globals.CPerFile, "CPerFile");
     const Ref pathname = per_file_class != nullptr ? load_field(self, data(self).fCanonicalPathname) : Ref();
-    Ref record = pathname ? per_file::GetPerFile(m, per_file_class, pathname.get(), create_missing) : Ref();
-    if (!record || record.get() == none()) {
-        return record;
-    }
-    return per_file::known_per_code_objects(m, record.get());
+    return pathname ? per_file::GetPerFile(m, per_file_class, pathname.get(), create_missing) : Ref();
+}
+
+/// Calls a method of the per-file record's set with this record.
+bool change_known(PyObject* self, const Ref& known, PyObject* method) {
+    return known && call_method(known.get(), method, self);
 }
 
 bool _AddToPerFile(ModuleState& m, PyObject* self) {
-    const Ref known = known_set(m, self, true);
-    return known && call_method(known.get(), m.names.add, self);
+    const Ref per_file = find_per_file(m, self, true);
+    return per_file && change_known(self, per_file::known_per_code_objects(m, per_file.get()), m.names.add);
 }
 
 bool matches_attribute_or_type_error(ModuleState& m) {
@@ -113,15 +120,16 @@ bool matches_attribute_or_type_error(ModuleState& m) {
 }
 
 bool _DiscardFromPerFile(ModuleState& m, PyObject* self) {
-    const Ref known = known_set(m, self, false);
-    if (!known) {
+    const Ref per_file = find_per_file(m, self, false);
+    if (!per_file) {
         if (!matches_attribute_or_type_error(m)) {
             return false;
         }
         xpy.PyErr_Clear();
         return true;
     }
-    return known.get() == none() || call_method(known.get(), m.names.discard, self);
+    return per_file.get() == none() ||
+           change_known(self, per_file::known_per_code_objects(m, per_file.get()), m.names.discard);
 }
 
 bool _RegisterPerCodeObject(ModuleState& m, PyObject* code_object, PyObject* per_code_object) {
@@ -130,7 +138,7 @@ bool _RegisterPerCodeObject(ModuleState& m, PyObject* code_object, PyObject* per
         return false;
     }
     bool kept = false;
-    if (!store_record(cls, code_object, per_code_object, &kept)) {
+    if (!store_record(m, cls, code_object, per_code_object, &kept)) {
         return false;
     }
     if (kept) {
@@ -298,7 +306,10 @@ bool _cb_code_object_dealloc(ModuleState& m, PyObject* self) {
         return false;
     }
     // A dead reference has a hash only where it was asked for one while its object lived, as a key was.
-    if (xpy.PyObject_Hash(reference.get()) == -1 && xpy.PyErr_ExceptionMatches(m.builtins.TypeError) != 0) {
+    if (xpy.PyObject_Hash(reference.get()) == -1) {
+        if (xpy.PyErr_ExceptionMatches(m.builtins.TypeError) == 0) {
+            return false;
+        }
         xpy.PyErr_Clear();
         return true;
     }

@@ -162,7 +162,7 @@ bool _DiscardPerThread(ModuleState& m, PyObject* thread_id) {
         return false;
     }
     if (discarded.cleanup_support.get() != none() &&
-        !thread_exit::Clear(m, discarded.cleanup_support.get(), true)) {
+        !thread_exit::disarm(m, discarded.cleanup_support.get())) {
         return false;
     }
     if (discarded.per_thread.get() != none()) {
@@ -487,7 +487,7 @@ bool reset(ModuleState& m) {
         }
         return record != nullptr;
     };
-    const auto disarm = [&m](PyObject* cs) { return thread_exit::Clear(m, cs, true); };
+    const auto disarm = [&m](PyObject* cs) { return thread_exit::disarm(m, cs); };
     if (!drop_own_capsule(m) || !for_each_value(m, &ClassData::_fPerThreadDict, detach) || !tss_cache::Clear(m) ||
         !clear_registry(m, &ClassData::_fPerThreadDict) ||
         !for_each_value(m, &ClassData::_fCleanupSupportByThreadId, disarm) ||

@@ -59,6 +59,15 @@ bool _InvalidateCapsule(ModuleState& m, PyObject* self) {
     return true;
 }
 
+/// Failing to disarm is no failure of clearing.
+void Clear(ModuleState& m, PyObject* self, bool invalidate_capsule) {
+    if (invalidate_capsule && !_InvalidateCapsule(m, self)) {
+        xpy.PyErr_Clear();
+    }
+    store_field(self, data(self).fPerThread, new_none());
+    store_field(self, data(self)._fFinalizer, new_none());
+}
+
 bool is_instance_of_capsule(ModuleState& m, PyObject* object, int* answer) {
     const Ref capsule_class = per_thread::class_slot(m, &ThreadClassData::_CCapsule);
     *answer = capsule_class ? is_instance(object, capsule_class.get()) : -1;
@@ -155,7 +164,8 @@ constexpr FunctionDecl kCleanupMethods[] = {
      "Makes the unarmed clean-up of the record `per_thread`.", Binding::Instance},
     {"Clear", kClearParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
-         return none_or_error(Clear(m, self, args[0].truth != 0));
+         Clear(m, self, args[0].truth != 0);
+         return new_none();
      },
      "Disarms the clean-up and lets go of its record; where `invalidate_capsule` is true, a planted capsule's death\n"
      "triggers nothing any more. Returns None.",
@@ -256,16 +266,15 @@ int is_armed(ModuleState& m, PyObject* cleanup_support) {
     return finalizer.get() != none() ? 1 : 0;
 }
 
-bool Clear(ModuleState& m, PyObject* cleanup_support, bool invalidate_capsule) {
-    Data* support = checked_data(m, cleanup_support);
-    if (support == nullptr) {
+bool disarm(ModuleState& m, PyObject* cleanup_support) {
+    const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
+    if (!cls) {
         return false;
     }
-    if (invalidate_capsule && !_InvalidateCapsule(m, cleanup_support)) {
-        xpy.PyErr_Clear();
+    if (!is_instance_of(cleanup_support, as_type(cls.get()))) {
+        return static_cast<bool>(call_method(cleanup_support, m.names.Clear));
     }
-    store_field(cleanup_support, support->fPerThread, new_none());
-    store_field(cleanup_support, support->_fFinalizer, new_none());
+    Clear(m, cleanup_support, true);
     return true;
 }
 

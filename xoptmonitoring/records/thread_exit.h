@@ -23,8 +23,9 @@ bool SetCapsuleInThreadStateDict(ModuleState& m, PyObject* cleanup_support);
 /// Whether a capsule has been planted: 1, 0, or -1 with an exception set.
 int is_armed(ModuleState& m, PyObject* cleanup_support);
 
-/// Disarms the clean-up. False with an exception set.
-bool Clear(ModuleState& m, PyObject* cleanup_support, bool invalidate_capsule);
+/// Disarms the clean-up and lets go of its record; something else that Python code has put into a registry is asked
+/// to `Clear()` itself. False with an exception set.
+bool disarm(ModuleState& m, PyObject* cleanup_support);
 
 /// Whether the calling thread is inside its own clean-up: 1, 0, or -1 with an exception set.
 int _IsCapsuleDestructorBeingInvoked(ModuleState& m);

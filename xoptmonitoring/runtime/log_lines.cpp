@@ -1,15 +1,17 @@
 // Diagnostic lines of the Python level, and the four module functions that steer them.
 #include "xoptmonitoring/runtime/log_lines.h"
 
+namespace {
+
+bool write_to(ModuleState& m, const Ref& file, const Ref& text) {
+    return file && call_method(file.get(), m.names.write, text.get());
+}
+
+}  // namespace
+
 bool write_log_line(ModuleState& m, const Ref& text) {
-    if (!text) {
-        return false;
-    }
-    const Ref file = load_global(m, m.globals._gDPrintfFile);
-    if (!file) {
-        return false;
-    }
-    return file.get() == none() || static_cast<bool>(call_method(file.get(), m.names.write, text.get()));
+    const Ref file = text ? load_global(m, m.globals._gDPrintfFile) : Ref();
+    return (file && file.get() == none()) || write_to(m, file, text);
 }
 
 namespace {
@@ -43,7 +45,9 @@ Ref print_line(ModuleState& m, PyObject* /*self*/, const Argument* args) {
     if (!is_logging(m, args[0].integer)) {
         return new_none();
     }
-    return write_log_line(m, resolve_text(args[1].object)) ? new_none() : Ref();
+    const Ref text = resolve_text(args[1].object);
+    // Read again: a callable may have taken the file away, and writing to None then fails as it does in Python.
+    return text && write_to(m, load_global(m, m.globals._gDPrintfFile), text) ? new_none() : Ref();
 }
 
 constexpr ParamDecl kFileParams[] = {{"f"}, {"fileno"}, {"win32_handle"}};
