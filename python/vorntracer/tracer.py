@@ -219,9 +219,11 @@ class Tracer:
             xo.CPerThread.SetGetThreadNameCallback(None)
             xo.CPerThread.SetDebugPolicyCallback(None)
 
-            # Records stay with their code objects. As "not known" they find their way to the next tracer.
+            # Records stay with their code objects. The next tracer may have other internal files and other names
+            # for files, and has to be shown them again: so what they say of that is marked as not known.
             for per_file in xo.CPerFile.GetAllPerFiles():
                 for record in list(per_file.fKnownPerCodeObjects):
+                    record.fUpdatePathnameNeeded = True
                     record.fEnabledBpLinenos = None
                     self._switch_events(record)
 
@@ -233,8 +235,8 @@ class Tracer:
         """Forget every breakpoint, step and hold, and all that the native module knows; go on if started.
 
         The native module's reset empties its registries but leaves the records that it attached to code objects.
-        Stopping leaves these with no enabled breakpoints known, so the second stage sees them when they next run
-        and files them anew (`_meet_again`).
+        Stopping has marked these as not known, so that the second stage sees them when they next run and files
+        them anew (`_situate`).
         """
         with self._lock:
             was_running = self._is_running
@@ -368,13 +370,12 @@ class Tracer:
     def _situate(self, frame):
         """Return the record of a frame's code object, with its breakpoints known.
 
-        They are not known in a record that another thread is still announcing, and in one that dates from before
-        a reset or from another tracer. The latter may be filed under a name that has changed, or nowhere.
+        They are not known in a record that another thread is still announcing, and in one that is left from an
+        earlier tracer. The latter may be filed nowhere, after a reset.
         """
         record = xo.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
         if record.fEnabledBpLinenos is None:
             with self._lock:
-                record._UpdatePathnameFromFrame(frame)
                 record._AddToPerFile()
                 self._find_breakpoints(record)
         return record

@@ -1,5 +1,5 @@
-// Diagnostics inside a living interpreter: what is written, what is dropped, and that neither the caller's exception
-// nor sys.stderr nor a trace function ever notices.
+// Diagnostics inside a living interpreter: what is written, what is dropped, and that neither the caller's
+// exception nor sys.stderr nor a trace function ever notices.
 
 #include "xoptmonitoring/diagnostics/dprintf.h"
 
@@ -666,10 +666,15 @@ class FrameText : public Diagnostics {
   protected:
     /// Makes `frame`, of a generator that waits at line 12 of a function which starts at line 10.
     void make_frame(const std::string& filename_expression, const std::string& name = "run") {
-        run("source = '\\n' * 9 + 'def " + name + "():\\n    a = 1\\n    yield a\\n'\n"
+        run("source = '\\n' * 9 + 'def " + name +
+            "():\\n    a = 1\\n    yield a\\n'\n"
             "space = {}\n"
-            "eval(compile(source, " + filename_expression + ", 'exec'), space)\n"
-            "generator = space['" + name + "']()\n"
+            "eval(compile(source, " +
+            filename_expression +
+            ", 'exec'), space)\n"
+            "generator = space['" +
+            name +
+            "']()\n"
             "next(generator)\n"
             "frame = generator.gi_frame\n");
     }
@@ -705,7 +710,8 @@ TEST_F(FrameText, can_be_had_of_a_finished_generator) {
 }
 
 TEST_F(FrameText, hides_a_file_name_that_is_not_ascii_when_lines_go_to_python) {
-    make_frame("b'/src/caf\\xc3\\xa9.py'.decode('utf-8')" + std::string(is_generation_2() ? ".encode('utf-8')" : ""));
+    make_frame("b'/src/caf\\xc3\\xa9.py'.decode('utf-8')" +
+               std::string(is_generation_2() ? ".encode('utf-8')" : ""));
     EXPECT_EQ(text(), "line 12 of run (/src/caf\xc3\xa9.py: 10)");
     log_to("file");
     EXPECT_EQ(text(), "line 12 of run ((non-ascii string): 10)");
@@ -865,9 +871,10 @@ TEST_F(Diagnostics, the_steps_of_binding_are_traced_to_a_descriptor) {
                   static_cast<int>(header.overflow), static_cast<int>(header.flags));
     text += expected;
     if (xpy.major_version == 3 && minor > 7) {
-        std::snprintf(expected, sizeof expected,
-                      "typeobject: tp_basicsize offset = %i, tp_vectorcall_offset offset = %i, max_align = 16\n",
-                      static_cast<int>(type.tp_basicsize), static_cast<int>(type.tp_vectorcall_offset));
+        std::snprintf(
+            expected, sizeof expected,
+            "typeobject: tp_basicsize offset = %i, tp_vectorcall_offset offset = %i, max_align = 16\n",
+            static_cast<int>(type.tp_basicsize), static_cast<int>(type.tp_vectorcall_offset));
         text += expected;
     }
     text += "XPy_InitializeGlobalData() succeeded\n";

@@ -98,11 +98,12 @@ TYPED_TEST(EvalFrame, an_exception_passes_through_the_function) {
     if (!this->is_served()) {
         GTEST_SKIP() << "this pair serves other versions";
     }
-    this->run("def fail():\n"
-              "    raise KeyError('gone')\n"
-              "def catch():\n"
-              "    try: fail()\n"
-              "    except KeyError as error: return error.args[0]\n");
+    this->run(
+        "def fail():\n"
+        "    raise KeyError('gone')\n"
+        "def catch():\n"
+        "    try: fail()\n"
+        "    except KeyError as error: return error.args[0]\n");
     TypeParam::previous = TypeParam::get();
     ASSERT_EQ(TypeParam::set(TypeParam::count), 0);
     EXPECT_EQ(this->eval_text("catch()"), "gone");

@@ -1,7 +1,7 @@
 // Fallbacks, each called through its slot, on whatever interpreter runs this.
 //
-// Most slots hold a real function here. The tests empty every slot that has a fallback, let binding's own step fill
-// them, and put the record back afterwards.
+// Most slots hold a real function here. The tests empty every slot that has a fallback, let binding's own
+// step fill them, and put the record back afterwards.
 
 #include "xoptmonitoring/binding/xpy_fallbacks.h"
 
@@ -90,7 +90,8 @@ TEST_F(Fallbacks, that_cannot_do_anything_say_so_twice_and_fail) {
         {"PyType_GetSlot not available", [&] { return xpy.PyType_GetSlot(type, 1) == nullptr; }},
         {"PyType_GetModuleState() not available before 3.9",
          [&] { return xpy.PyType_GetModuleState(type) == nullptr; }},
-        {"PyType_GetModule() not available before 3.9", [&] { return xpy.PyType_GetModule(type) == nullptr; }},
+        {"PyType_GetModule() not available before 3.9",
+         [&] { return xpy.PyType_GetModule(type) == nullptr; }},
         {"PyType_GetModule() not available before 3.9",
          [&] { return xpy.PyType_GetModuleByDef(type, nullptr) == nullptr; }},
         {"PyType_FromModuleAndSpec() not available before 3.9",
@@ -112,9 +113,12 @@ TEST_F(Fallbacks, that_cannot_do_anything_say_so_twice_and_fail) {
         {"_PyCode_SetExtra not available",
          [&] { return xpy.PyUnstable_Code_SetExtra(object, 0, extra) == -1; }},
         {"PyErr_GetRaisedException not available", [&] { return xpy.PyErr_GetRaisedException() == nullptr; }},
-        {"PyErr_SetRaisedException not available", [&] { return xpy.PyErr_SetRaisedException(object), true; }},
-        {"PyErr_GetHandledException not available", [&] { return xpy.PyErr_GetHandledException() == nullptr; }},
-        {"PyErr_SetHandledException not available", [&] { return xpy.PyErr_SetHandledException(object), true; }},
+        {"PyErr_SetRaisedException not available",
+         [&] { return xpy.PyErr_SetRaisedException(object), true; }},
+        {"PyErr_GetHandledException not available",
+         [&] { return xpy.PyErr_GetHandledException() == nullptr; }},
+        {"PyErr_SetHandledException not available",
+         [&] { return xpy.PyErr_SetHandledException(object), true; }},
         {"PyCapsule not available", [&] { return xpy.PyCapsule_New(extra, "name", nullptr) == nullptr; }},
         {"PyCapsule not available", [&] { return xpy.PyCapsule_GetPointer(object, "name") == nullptr; }},
         {"PyCapsule not available", [&] { return xpy.PyCapsule_SetDestructor(object, nullptr) == 0; }},
@@ -504,7 +508,8 @@ int trace_nothing(PyObject* /*object*/, PyFrameObject* /*frame*/, int /*what*/, 
     return 0;
 }
 
-/// A thread state of our own making, laid out as the running interpreter's, and a trace setter that only counts.
+/// A thread state of our own making, laid out as the running interpreter's, and a trace setter that only
+/// counts.
 class SuspendedTracingFallback : public Fallbacks {
   protected:
     void SetUp() override {

@@ -1,4 +1,5 @@
-// Offsets read in the running interpreter: each field that is used is compared with what Python reports of it.
+// Offsets read in the running interpreter: each field that is used is compared with what Python reports of
+// it.
 
 #include "xoptmonitoring/binding/xpy_layouts.h"
 
@@ -101,7 +102,8 @@ TEST_F(LiveLayouts, type_objects) {
         const std::string text = name;
         EXPECT_EQ(read<Py_ssize_t>(type.get(), xpy.typeobject_offsets.tp_basicsize),
                   eval_long(text + ".__basicsize__"));
-        EXPECT_EQ(read<PyObject*>(type.get(), xpy.typeobject_offsets.tp_base), eval(text + ".__base__").get());
+        EXPECT_EQ(read<PyObject*>(type.get(), xpy.typeobject_offsets.tp_base),
+                  eval(text + ".__base__").get());
         const Ref flags = eval(text + ".__flags__");
         EXPECT_EQ(read<unsigned long>(type.get(), xpy.typeobject_offsets.tp_flags),
                   xpy.PyLong_AsUnsignedLong(flags.get()));
@@ -111,7 +113,8 @@ TEST_F(LiveLayouts, type_objects) {
     const auto vectorcall_offset =
         read<Py_ssize_t>(type_of(function.get()), xpy.typeobject_offsets.tp_vectorcall_offset);
     EXPECT_GT(vectorcall_offset, 0);
-    EXPECT_LT(vectorcall_offset, read<Py_ssize_t>(type_of(function.get()), xpy.typeobject_offsets.tp_basicsize));
+    EXPECT_LT(vectorcall_offset,
+              read<Py_ssize_t>(type_of(function.get()), xpy.typeobject_offsets.tp_basicsize));
     EXPECT_NE(read<void*>(function.get(), vectorcall_offset), nullptr);
     if (void* expected = dlsym(RTLD_DEFAULT, "_PyFunction_Vectorcall")) {
         EXPECT_EQ(read<void*>(function.get(), vectorcall_offset), expected);

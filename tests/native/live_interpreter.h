@@ -1,5 +1,5 @@
-// What the tests that run inside a live interpreter share: a bound record, a way to run Python code, and the promise
-// that a test leaves interpreter and record as it found them.
+// What the tests that run inside a live interpreter share: a bound record, a way to run Python code, and the
+// promise that a test leaves interpreter and record as it found them.
 #pragma once
 
 #include "xoptmonitoring/binding/refs.h"
@@ -10,7 +10,8 @@
 
 #include <gtest/gtest.h>
 
-/// Holds a copy of the whole record and puts it back, so that a test may change any slot, offset or version word.
+/// Holds a copy of the whole record and puts it back, so that a test may change any slot, offset or version
+/// word.
 class SavedRecord {
   public:
     SavedRecord() {
@@ -35,7 +36,8 @@ class PretendedVersion : SavedRecord {
     }
 };
 
-/// Catches what is written to the process's standard error, and puts that back even where a test gives up early.
+/// Catches what is written to the process's standard error, and puts that back even where a test gives up
+/// early.
 class CapturedStderr {
   public:
     CapturedStderr() {
@@ -66,7 +68,8 @@ inline int version_number() {
 
 /// The text of a str object (of either kind on generation 2).
 inline std::string text_of(PyObject* object) {
-    const char* text = xpy.PyUnicode_AsUTF8 != nullptr ? xpy.PyUnicode_AsUTF8(object) : xpy.PyString_AsString(object);
+    const char* text =
+        xpy.PyUnicode_AsUTF8 != nullptr ? xpy.PyUnicode_AsUTF8(object) : xpy.PyString_AsString(object);
     if (text == nullptr) {
         xpy.PyErr_Clear();
         return "(no text)";
@@ -110,13 +113,15 @@ class LiveInterpreterTest : public testing::Test {
     void TearDown() override {
         EXPECT_EQ(take_exception(), "") << "the test left an exception behind";
         globals_ = Ref();
-        EXPECT_EQ(std::memcmp(&record_before_, &xpy, sizeof xpy), 0) << "the test changed the record for good";
+        EXPECT_EQ(std::memcmp(&record_before_, &xpy, sizeof xpy), 0)
+            << "the test changed the record for good";
     }
 
     /// Runs statements in the test's namespace.
     void run(const std::string& code) {
         constexpr int kFileInput = 257;
-        const Ref result = Ref::steal(xpy.PyRun_String(code.c_str(), kFileInput, globals_.get(), globals_.get()));
+        const Ref result =
+            Ref::steal(xpy.PyRun_String(code.c_str(), kFileInput, globals_.get(), globals_.get()));
         EXPECT_TRUE(result) << code << "\nraised " << take_exception();
     }
 

@@ -274,8 +274,8 @@ TEST_F(MultiPhaseModule, is_created_and_executed_by_the_interpreter) {
     if (xpy.PyModuleDef_Init == nullptr) {
         GTEST_SKIP() << "this interpreter knows no phases";
     }
-    using FromDefinition = PyObject* (*)(PyObject* definition, PyObject* spec, int api_version);
-    using Execute = int (*)(PyObject* module, PyObject* definition);
+    using FromDefinition = PyObject* (*)(PyObject * definition, PyObject * spec, int api_version);
+    using Execute = int (*)(PyObject * module, PyObject * definition);
     const auto from_definition =
         reinterpret_cast<FromDefinition>(XPy_LookupPythonFunction("PyModule_FromDefAndSpec2"));
     const auto execute_module = reinterpret_cast<Execute>(XPy_LookupPythonFunction("PyModule_ExecDef"));

@@ -18,7 +18,7 @@ struct SlotState {
     Need need;
     std::string name;
     const void* held;
-    const void* exported;           // what the interpreter offers under the name, read as the slot reads it
+    const void* exported;            // what the interpreter offers under the name, read as the slot reads it
     const void* fallback = nullptr;  // what takes the place of a missing function
     const void* older = nullptr;     // what the interpreter offers under the function's older name
 };
@@ -52,23 +52,22 @@ std::vector<SlotState> all_slots() {
     std::vector<SlotState> slots;
 #define XPY_SLOT(need, result, name, parameters) \
     slots.push_back({Need::need, #name, as_pointer(xpy.name), exported_function(#name)});
-#define XPY_FOUND(result, name, parameters)                                                     \
-    if (std::string(#name) != "Py_InitModule") {                                                \
-        slots.push_back({Need::ON_3, #name, as_pointer(xpy.name), exported_function(#name)});   \
-    } else {                                                                                    \
-        slots.push_back(                                                                        \
-            {Need::ON_2, #name, as_pointer(xpy.name), exported_function("Py_InitModule4_64")}); \
+#define XPY_FOUND(result, name, parameters)                                                                 \
+    if (std::string(#name) != "Py_InitModule") {                                                            \
+        slots.push_back({Need::ON_3, #name, as_pointer(xpy.name), exported_function(#name)});               \
+    } else {                                                                                                \
+        slots.push_back({Need::ON_2, #name, as_pointer(xpy.name), exported_function("Py_InitModule4_64")}); \
     }
 #define XPY_BACKED(need, backup, result, name, parameters) \
     slots.push_back({Need::need, #name, as_pointer(xpy.name), exported_function(#name), as_pointer(&backup)});
-#define XPY_OLDER(older, backup, result, name, parameters)                                           \
-    slots.push_back({Need::OPTIONAL, #name, as_pointer(xpy.name), exported_function(#name),          \
+#define XPY_OLDER(older, backup, result, name, parameters)                                  \
+    slots.push_back({Need::OPTIONAL, #name, as_pointer(xpy.name), exported_function(#name), \
                      as_pointer(&backup), exported_function(#older)});
 #define XPY_UNICODE(need, result, name, suffix, parameters) \
     slots.push_back({Need::need, #name, as_pointer(xpy.name), exported_unicode(suffix)});
-#define XPY_UNICODE_BACKED(backup, result, name, suffix, parameters)                            \
-    slots.push_back({Need::OPTIONAL, #name, as_pointer(xpy.name), exported_unicode(suffix),     \
-                     as_pointer(&backup)});
+#define XPY_UNICODE_BACKED(backup, result, name, suffix, parameters) \
+    slots.push_back(                                                 \
+        {Need::OPTIONAL, #name, as_pointer(xpy.name), exported_unicode(suffix), as_pointer(&backup)});
 #define XPY_DATA(need, read, type, name) \
     slots.push_back({Need::need, #name, xpy.name, exported_data(Read::read, #name)});
 #define XPY_TYPE(need, name) \

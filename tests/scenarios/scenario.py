@@ -4,6 +4,9 @@
 * `Program`: a program written to a file; the lines that a comment such as `#: loop` names can be asked for.
 * `Commander`: an `on_stop` that records what it is given and answers from a list of commands.
 * `run_in_child`: a function's result from a forked child.
+
+An exception that the interpreter could raise nowhere (in a finaliser, or a handler of `os.register_at_fork`) fails
+the test, and in a child the call of `run_in_child`.
 """
 
 import json
@@ -21,11 +24,21 @@ from vorntracer.tracer import Command, Reason, Tracer
 __all__ = ["Command", "Commander", "Program", "Reason", "ScenarioCase", "Tracer", "run_in_child", "xo"]
 
 
+unraisable_exceptions = []
+
+
+def keep_unraisable_exception(unraisable):
+    text = "".join(traceback.format_exception(unraisable.exc_value))
+    unraisable_exceptions.append(f"{unraisable.err_msg or 'Exception ignored in'}: {unraisable.object!r}\n{text}")
+
+
 class ScenarioCase(XoTestCase):
-    """Leaves no tracer, no thread and no entry in the debugger's log behind."""
+    """Leaves no tracer, no thread, no entry in the debugger's log and no unraisable exception behind."""
 
     def setUp(self):
         super().setUp()
+        unraisable_exceptions.clear()
+        self.patch(sys, "unraisablehook", keep_unraisable_exception)
         dlog.ClearEntries()
         self.expected_log_entries = 0
         threads_before = threading.active_count()
@@ -36,6 +49,7 @@ class ScenarioCase(XoTestCase):
         dlog.ClearEntries()
         self.assertEqual(len(entries), self.expected_log_entries, "".join(entries))
         self.assertEqual(threading.active_count(), threads_before)
+        self.assertEqual(unraisable_exceptions, [], "\n".join(unraisable_exceptions))
 
     def expect_log_entries(self, count):
         """Lets `count` entries come to the debugger's log, and keeps them off standard error."""
@@ -168,7 +182,10 @@ def run_in_child(function):
             os.close(reading_end)
             with open(writing_end, "w") as pipe:
                 try:
-                    json.dump({"result": function()}, pipe)
+                    answer = {"result": function()}
+                    if unraisable_exceptions:
+                        answer = {"failure": "\n".join(unraisable_exceptions)}
+                    json.dump(answer, pipe)
                 except BaseException:
                     json.dump({"failure": traceback.format_exc()}, pipe)
             status = 0

@@ -265,6 +265,16 @@ class WhatIsSwitchedOff(BreakpointCase):
         self.assertEqual(sys.monitoring.get_events(Tracer.tool_id),
                          sys.monitoring.events.PY_START | sys.monitoring.events.PY_RESUME)
 
+    def test_the_breakpoints_in_a_code_object_are_known_as_soon_as_it_is_met(self):
+        self.tracer.start()
+        self.set_breakpoint("add")
+        self.set_breakpoint("end")
+        self.set_breakpoint("untouched")
+        self.program.load()
+        record = xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
+        self.assertEqual(record.fEnabledBpLinenos, {self.program.line("add"), self.program.line("end")})
+        self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
+
     def test_a_cleared_breakpoint_stops_no_more_and_switches_line_events_off(self):
         self.tracer.start()
         breakpoints = [self.set_breakpoint("add"), self.set_breakpoint("end")]
@@ -342,6 +352,24 @@ class StartingStoppingAndResetting(BreakpointCase):
         self.assertEqual([line for _, line, _ in commander.log], ["end"])
         record = xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__, False)
         self.assertIn(record, xo.CPerFile.GetPerFile(self.program.pathname).fKnownPerCodeObjects)
+
+    def test_a_file_that_was_internal_to_one_tracer_is_stopped_in_by_the_next(self):
+        self.program.load()
+        internal = self.make_tracer(self.commander, internal_files=[self.program.pathname])
+        internal.set_breakpoint(self.program.pathname, self.program.line("add"))
+        internal.start()
+        self.program.total([1])
+        internal.stop()
+        self.assertEqual(self.stopped_lines(), [])
+        for _ in range(2):
+            self.tracer.start()
+            self.program.total([1])
+            self.assertEqual(self.stopped_lines(), ["add"])
+            self.tracer.stop()
+            internal.start()
+            self.program.total([1])
+            self.assertEqual(self.stopped_lines(), [])
+            internal.stop()
 
     def test_a_handler_may_reset_the_tracer(self):
         self.tracer.start()

@@ -1,6 +1,7 @@
 """Forked children: they stop and step like their parents, and know only the threads that they have."""
 
 import os
+import signal
 import sys
 import threading
 import time
@@ -162,6 +163,21 @@ class ForkedChildren(ScenarioCase):
         self.assertEqual(text, repr(self.commander.log))
         self.assertEqual(text, repr([("BREAKPOINT", "start", None), ("STEP", "end", None)]))
 
+    def test_a_child_stops_even_though_another_thread_was_stopped_when_it_was_forked(self):
+        tracer = self.start_tracer()
+        self.break_at(tracer, "start")
+        is_stopped = threading.Event()
+        may_go_on = threading.Event()
+        self.commander.commands.append(lambda stop: is_stopped.set() or may_go_on.wait(30) and None)
+        thread = threading.Thread(target=self.program.work, args=(8,), daemon=True)
+        thread.start()
+        self.assertTrue(is_stopped.wait(30))
+        self.commander.take_log()
+        result = run_in_child(self.work_and_tell)
+        may_go_on.set()
+        self.join_all([thread])
+        self.assertEqual(result, {"stops": [["BREAKPOINT", "start", None]], "log": []})
+
     def test_a_step_of_a_thread_that_the_child_does_not_have_is_forgotten_there(self):
         tracer = self.start_tracer()
         is_stepping = threading.Event()
@@ -193,6 +209,34 @@ class ForkedChildren(ScenarioCase):
         base_events = sys.monitoring.events.PY_START | sys.monitoring.events.PY_RESUME
         self.assertEqual(in_child_events, [0, base_events, {"stops": [], "log": []}])
         self.assertEqual(self.commander.log, [("STEP", "end", None)])
+
+    def test_a_fork_waits_for_a_thread_that_is_changing_something(self):
+        tracer = self.start_tracer()
+        may_begin, inside = [], []
+
+        def change():
+            while not may_begin:
+                time.sleep(0.001)
+            with tracer._lock:
+                inside.append(True)
+                time.sleep(0.5)
+
+        # Code that is met for the first time waits for the lock as well: let nothing be new that runs from here on.
+        thread = threading.Thread(target=change, daemon=True)
+        thread.start()
+        run_in_child(int)
+        may_begin.append(True)
+        while not inside:
+            time.sleep(0.001)
+
+        def in_child():
+            signal.alarm(10)
+            self.break_at(tracer, "end")
+            return self.work_and_tell()
+
+        result = run_in_child(in_child)
+        self.join_all([thread])
+        self.assertEqual(result, {"stops": [["BREAKPOINT", "end", None]], "log": []})
 
     def test_forks_amid_busy_threads_never_hang_the_child(self):
         tracer = self.start_tracer()

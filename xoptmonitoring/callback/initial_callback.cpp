@@ -37,10 +37,14 @@ constexpr FieldDecl kClassFields[] = {
 };
 
 /// Logs that the first stage was called.
-XPY_COLD bool log_called(ModuleState& m, PyObject* second_callback, PyObject* code_object) {
+XPY_COLD bool log_called(ModuleState& m, PyObject* self, PyObject* code_object) {
+    const Ref second_callback = load_field(self, data(self)._fSecondCallback);
+    if (!second_callback) {
+        return false;
+    }
     return write_log_line(m, Ref::steal(xpy.PyUnicode_FromFormat(
                                  "%U%R%U%U%R%U", m.literals.initial_callback_called, code_object,
-                                 m.literals.semicolon_newline, m.literals.second_callback_is, second_callback,
+                                 m.literals.semicolon_newline, m.literals.second_callback_is, second_callback.get(),
                                  m.literals.newline)));
 }
 
@@ -71,31 +75,35 @@ XPY_COLD Ref log_exception(ModuleState& m) {
     return new_none();
 }
 
+/// The answer to an event that is of interest, to the tracer or to its log; `self` is held.
+XPY_COLD PyObject* finish(ModuleState& m, const Event& event, Answer decision, PyObject* const* args,
+                          Py_ssize_t nargs) {
+    Ref answer;
+    if (decision == Answer::Disable) {
+        answer = load_global(m, m.globals.kSysMonitoringDisable);
+    } else if (decision == Answer::Call) {
+        answer = call_second(m, event.self, args, nargs);
+    }
+    return answer ? answer.release() : log_exception(m).release();
+}
+
 /// One event. `args` are the interpreter's: the code object, then what the event brings.
 PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
     Data& callback = data(self);
+    const bool is_line = __atomic_load_n(&callback._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
+    Event event = {self, callback, args[0], is_line && nargs > 1 ? args[1] : none()};
     if (is_logging_first_stage(m)) {
-        const Ref second_callback = load_field(self, callback._fSecondCallback);
-        if (!second_callback || !log_called(m, second_callback.get(), args[0])) {
+        event.hold();
+        if (!log_called(m, self, args[0])) {
             return log_exception(m).release();
         }
     }
-    const bool is_line = __atomic_load_n(&callback._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
-    PyObject* lineno_obj = is_line && nargs > 1 ? args[1] : none();
-    Ref answer;
-    switch (_SkipDetermination(m, callback, args[0], lineno_obj)) {
-        case Answer::Skip:
-            return new_none().release();
-        case Answer::Disable:
-            answer = load_global(m, m.globals.kSysMonitoringDisable);
-            break;
-        case Answer::Call:
-            answer = call_second(m, self, args, nargs);
-            break;
-        case Answer::Failed:
-            break;
+    const Answer decision = _SkipDetermination(m, event);
+    if (XPY_LIKELY(decision == Answer::Skip)) {
+        return new_none().release();
     }
-    return answer ? answer.release() : log_exception(m).release();
+    event.hold();
+    return finish(m, event, decision, args, nargs);
 }
 
 /// Arguments of a call that Python code makes: at least the code object, and no keywords.
@@ -215,7 +223,8 @@ constexpr FunctionDecl kMethods[] = {
     {"Callback", kCallbackParams, nullptr, CALLBACK_DOC, Binding::Instance, call_callback, &kBoundCallback},
     {"_SkipDetermination", kDeterminationParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
-         return answer_object(m, _SkipDetermination(m, data(self), args[0].object, args[1].object));
+         Event event = {self, data(self), args[0].object, args[1].object};
+         return answer_object(m, _SkipDetermination(m, event));
      },
      "Decides an event of `code_object`; `lineno_obj` is the line of a LINE event, else None. Returns False (call the\n"
      "second callback), None (skip) or kSysMonitoringDisable (skip for good).",
@@ -225,7 +234,8 @@ constexpr FunctionDecl kMethods[] = {
          if (!check_per_code_object(m, args[1].object) || per_thread::checked_data(m, args[2].object) == nullptr) {
              return Ref();
          }
-         const int skip = _SkipSecondCallback(m, data(self), args[1].object, args[2].object, args[3].object);
+         Event event = {self, data(self), args[0].object, args[3].object, args[1].object, args[2].object};
+         const int skip = _SkipSecondCallback(m, event);
          return skip < 0 ? Ref() : new_bool(skip != 0);
      },
      "Returns whether the second callback can be skipped, a bool, from the records `per_code_object` and `per_thread`\n"
@@ -270,8 +280,13 @@ Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object) 
 
 Ref __GetPerThreadCalledFromCallback(ModuleState& m) {
     Ref per_thread = per_thread::GetPerThread(m, none(), true);
-    if (!per_thread || per_thread.get() == none()) {
-        return per_thread;
+    if (!per_thread) {
+        return {};
+    }
+    if (per_thread.get() == none()) {
+        // The thread is inside its own clean-up: the attribute read of a record that is not there.
+        xpy.PyErr_Format(xpy.PyExc_AttributeError, "'NoneType' object has no attribute '%s'", "fThreadName");
+        return {};
     }
     const Ref name = load_field(per_thread.get(), per_thread::data(per_thread.get()).fThreadName);
     if (!name || (name.get() == none() && !per_thread::FindThreadName(per_thread.get()))) {

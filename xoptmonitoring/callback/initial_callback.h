@@ -33,8 +33,8 @@ inline InitialCallbackData& data(PyObject* self) {
 /// The record of `code_object`, made where it is missing. Empty with an exception set.
 Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object);
 
-/// The calling thread's record, made where it is missing; None while the thread is inside its own clean-up. Empty with
-/// an exception set.
+/// The calling thread's record, made where it is missing. Empty with an exception set: AttributeError while the thread
+/// is inside its own clean-up, when it has none.
 Ref __GetPerThreadCalledFromCallback(ModuleState& m);
 
 }  // namespace initial_callback

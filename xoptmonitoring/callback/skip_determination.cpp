@@ -6,7 +6,20 @@
 #include "xoptmonitoring/callback/skip_determination.h"
 
 #include "xoptmonitoring/records/per_code_object.h"
-#include "xoptmonitoring/records/per_thread_data.h"
+#include "xoptmonitoring/records/per_thread.h"
+#include "xoptmonitoring/records/tss_cache.h"
+
+void Event::hold() {
+    if (!held_self) {
+        held_self = Ref::share(self);
+    }
+    if (!held_per_code_object) {
+        held_per_code_object = Ref::share(per_code_object);
+    }
+    if (!held_per_thread) {
+        held_per_thread = Ref::share(per_thread);
+    }
+}
 
 namespace initial_callback {
 namespace {
@@ -16,8 +29,23 @@ Word load_word(const Word& word) {
     return __atomic_load_n(&word, __ATOMIC_RELAXED);
 }
 
+/// Truth of an object field: 1, 0, or -1 with an exception set. The usual values need no call.
+int field_truth(Event& event, PyObject* owner, PyObject* const& slot) {
+    PyObject* value = load_word(slot);
+    if (XPY_LIKELY(value == xpy._Py_FalseStruct)) {
+        return 0;
+    }
+    if (value == xpy._Py_TrueStruct) {
+        return 1;
+    }
+    event.hold();
+    const Ref held_value = load_field(owner, slot);
+    return held_value ? xpy.PyObject_IsTrue(held_value.get()) : -1;
+}
+
 /// Writes a fixed line of the first stage.
-XPY_COLD bool log_fixed(ModuleState& m, PyObject* text) {
+XPY_COLD bool log_fixed(ModuleState& m, Event& event, PyObject* text) {
+    event.hold();
     return write_log_line(m, Ref::share(text));
 }
 
@@ -30,10 +58,10 @@ int is_enabled_line(PyObject* enabled_bp_linenos, PyObject* lineno_obj) {
 }
 
 /// The answer for the debugger's own code.
-Answer answer_internal(ModuleState& m, const InitialCallbackData& callback) {
-    const bool disable = load_word(callback._fCanReturnDisable) != 0;
-    if (is_logging_first_stage(m) && !log_fixed(m, disable ? m.literals.internal_returning_disable
-                                                           : m.literals.internal_returning_none)) {
+Answer answer_internal(ModuleState& m, Event& event) {
+    const bool disable = load_word(event.callback._fCanReturnDisable) != 0;
+    if (is_logging_first_stage(m) && !log_fixed(m, event, disable ? m.literals.internal_returning_disable
+                                                                  : m.literals.internal_returning_none)) {
         return Answer::Failed;
     }
     return disable ? Answer::Disable : Answer::Skip;
@@ -48,32 +76,50 @@ bool is_line_filter_on(const ModuleState& m, const InitialCallbackData& callback
            load_word(per_code_object.fSteppingEventsNeededCount) == 0;
 }
 
-/// Answer for the thread's part of the decision.
-Answer decide_by_thread(ModuleState& m, InitialCallbackData& callback, PyObject* per_code_object,
-                        PyObject* lineno_obj) {
-    const Ref per_thread = __GetPerThreadCalledFromCallback(m);
-    if (!per_thread) {
+/// Finds the code object's record. False with an exception set.
+bool find_per_code_object(ModuleState& m, Event& event) {
+    event.per_code_object = per_code_object::peek_settled(m, event.code_object);
+    if (XPY_UNLIKELY(event.per_code_object == nullptr)) {
+        event.hold();
+        event.held_per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
+        event.per_code_object = event.held_per_code_object.get();
+    }
+    return event.per_code_object != nullptr;
+}
+
+/// Finds the calling thread's record. False with an exception set.
+bool find_per_thread(ModuleState& m, Event& event) {
+    event.per_thread = tss_cache::peek(m);
+    if (XPY_UNLIKELY(event.per_thread == nullptr || !per_thread::is_named(m, event.per_thread))) {
+        event.hold();
+        event.held_per_thread = __GetPerThreadCalledFromCallback(m);
+        event.per_thread = event.held_per_thread.get();
+    }
+    return event.per_thread != nullptr;
+}
+
+/// The thread's part of the decision.
+Answer decide_by_thread(ModuleState& m, Event& event) {
+    if (XPY_UNLIKELY(!find_per_thread(m, event))) {
         return Answer::Failed;
     }
-    if (per_thread.get() == none()) {
-        // The thread is inside its own clean-up: what would be read next is missing.
-        xpy.PyErr_Format(xpy.PyExc_AttributeError, "'NoneType' object has no attribute '%s'", "fDebugPolicy");
-        return Answer::Failed;
-    }
-    if (load_word(per_thread::data(per_thread.get()).fDebugPolicy) == 0) {
-        if (is_logging_first_stage(m) && !log_fixed(m, m.literals.policy_returning_none)) {
+    if (load_word(per_thread::data(event.per_thread).fDebugPolicy) == 0) {
+        if (is_logging_first_stage(m) && !log_fixed(m, event, m.literals.policy_returning_none)) {
             return Answer::Failed;
         }
         return Answer::Skip;
     }
-    if (load_word(callback.fAnySuspendThread) != 0 && !_SuspendIfNeeded(m, per_thread.get())) {
-        return Answer::Failed;
+    if (load_word(event.callback.fAnySuspendThread) != 0) {
+        event.hold();
+        if (!_SuspendIfNeeded(m, event.per_thread)) {
+            return Answer::Failed;
+        }
     }
-    const int skip = _SkipSecondCallback(m, callback, per_code_object, per_thread.get(), lineno_obj);
-    if (skip < 0) {
-        return Answer::Failed;
+    const int skip = _SkipSecondCallback(m, event);
+    if (XPY_LIKELY(skip > 0)) {
+        return Answer::Skip;
     }
-    return skip != 0 ? Answer::Skip : Answer::Call;
+    return skip < 0 ? Answer::Failed : Answer::Call;
 }
 
 bool is_known_event(const ModuleGlobals& globals, Py_ssize_t event_id) {
@@ -97,26 +143,27 @@ bool log_suspension(ModuleState& m, PyObject* per_thread, PyObject* text) {
 
 }  // namespace
 
-Answer _SkipDetermination(ModuleState& m, InitialCallbackData& callback, PyObject* code_object,
-                          PyObject* lineno_obj) {
+Answer _SkipDetermination(ModuleState& m, Event& event) {
     if (XPY_UNLIKELY(xpy.cached_pid != load_global(m.globals._gThisProcessPid))) {
         return Answer::Skip;  // a forked child that has not been told to go on
     }
-    const Ref record = __GetPerCodeObjectCalledFromCallback(m, code_object);
-    if (XPY_UNLIKELY(!record)) {
+    if (XPY_UNLIKELY(!find_per_code_object(m, event))) {
         return Answer::Failed;
     }
-    const PerCodeObjectData& per_code_object = per_code_object::data(record.get());
-    if (XPY_UNLIKELY(load_word(per_code_object.fIsInternal) != 0)) {
-        return answer_internal(m, callback);
+    const PerCodeObjectData& record = per_code_object::data(event.per_code_object);
+    if (XPY_UNLIKELY(load_word(record.fIsInternal) != 0)) {
+        return answer_internal(m, event);
     }
-    if (is_line_filter_on(m, callback, per_code_object)) {
-        const Ref enabled_bp_linenos = load_field(record.get(), per_code_object.fEnabledBpLinenos);
+    if (is_line_filter_on(m, event.callback, record)) {
+        const Ref enabled_bp_linenos = load_field(event.per_code_object, record.fEnabledBpLinenos);
         if (XPY_UNLIKELY(!enabled_bp_linenos)) {
             return Answer::Failed;
         }
-        if (enabled_bp_linenos.get() != none()) {
-            const int enabled = is_enabled_line(enabled_bp_linenos.get(), lineno_obj);
+        if (XPY_LIKELY(enabled_bp_linenos.get() != none())) {
+            if (XPY_UNLIKELY(type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr)) {
+                event.hold();
+            }
+            const int enabled = is_enabled_line(enabled_bp_linenos.get(), event.lineno_obj);
             if (XPY_LIKELY(enabled == 0)) {
                 return Answer::Skip;
             }
@@ -125,45 +172,43 @@ Answer _SkipDetermination(ModuleState& m, InitialCallbackData& callback, PyObjec
             }
         }
     }
-    return decide_by_thread(m, callback, record.get(), lineno_obj);
+    return decide_by_thread(m, event);
 }
 
-int _SkipSecondCallback(ModuleState& m, InitialCallbackData& callback, PyObject* per_code_object,
-                        PyObject* per_thread, PyObject* lineno_obj) {
-    const Py_ssize_t event_id = load_word(callback._fEventId);
+int _SkipSecondCallback(ModuleState& m, Event& event) {
+    const Py_ssize_t event_id = load_word(event.callback._fEventId);
     if (!is_known_event(m.globals, event_id)) {
         return 0;
     }
-    const Ref stepping = load_field(per_thread, per_thread::data(per_thread).fSteppingEventsNeeded);
-    if (!stepping) {
-        return -1;
-    }
-    const int is_stepping = xpy.PyObject_IsTrue(stepping.get());
+    const int is_stepping =
+        field_truth(event, event.per_thread, per_thread::data(event.per_thread).fSteppingEventsNeeded);
     if (is_stepping != 0) {
         return is_stepping < 0 ? -1 : 0;
     }
-    const PerCodeObjectData& record = per_code_object::data(per_code_object);
+    const PerCodeObjectData& record = per_code_object::data(event.per_code_object);
     if (load_word(record.fSteppingEventsNeededCount) != 0) {
         return 0;
     }
-    const Ref enabled_bp_linenos = load_field(per_code_object, record.fEnabledBpLinenos);
+    const bool returns = event_id == m.globals.kPyReturnEventId || event_id == m.globals.kPyYieldEventId;
+    if (event_id != m.globals.kPyLineEventId) {
+        PyObject* enabled_bp_linenos = load_word(record.fEnabledBpLinenos);
+        if (XPY_UNLIKELY(enabled_bp_linenos == nullptr)) {
+            raise_unset();
+            return -1;
+        }
+        // Not known yet, so the tracer has to see the event; or a return that is wanted.
+        return enabled_bp_linenos == none() || (returns && load_word(record.fReturnEventsNeededCount) != 0) ? 0 : 1;
+    }
+    const Ref enabled_bp_linenos = load_field(event.per_code_object, record.fEnabledBpLinenos);
     if (!enabled_bp_linenos) {
         return -1;
     }
     if (enabled_bp_linenos.get() == none()) {
-        return 0;  // not known yet, so the tracer has to see the event
-    }
-    if (event_id == m.globals.kPyLineEventId) {
-        const int enabled = is_enabled_line(enabled_bp_linenos.get(), lineno_obj);
-        if (enabled != 0) {
-            return enabled < 0 ? -1 : 0;
-        }
-    }
-    if ((event_id == m.globals.kPyReturnEventId || event_id == m.globals.kPyYieldEventId) &&
-        load_word(record.fReturnEventsNeededCount) != 0) {
         return 0;
     }
-    return 1;
+    event.hold();
+    const int enabled = is_enabled_line(enabled_bp_linenos.get(), event.lineno_obj);
+    return enabled < 0 ? -1 : 1 - enabled;
 }
 
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread) {

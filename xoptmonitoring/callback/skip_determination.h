@@ -12,14 +12,32 @@ enum class Answer {
     Disable,  ///< kSysMonitoringDisable: never report it at this location again
 };
 
+/// One event on its way through the first stage.
+///
+/// The interpreter calls through borrowed references, and under a global lock the fast road borrows the records too:
+/// nothing can take any of them away until Python code runs or the thread waits. `hold` comes before every such step.
+struct Event {
+    PyObject* self;                 ///< the CInitialCallback
+    InitialCallbackData& callback;  ///< its fields
+    PyObject* code_object;
+    PyObject* lineno_obj;            ///< the line of a LINE event, else None
+    PyObject* per_code_object = nullptr;
+    PyObject* per_thread = nullptr;
+    Ref held_self = {};
+    Ref held_per_code_object = {};
+    Ref held_per_thread = {};
+
+    /// Makes sure of everything that the event still needs.
+    XPY_COLD void hold();
+};
+
 namespace initial_callback {
 
-/// Decides one event; `lineno_obj` is the line number of a LINE event, else None.
-Answer _SkipDetermination(ModuleState& m, InitialCallbackData& callback, PyObject* code_object, PyObject* lineno_obj);
+/// Decides one event. After Answer::Call and Answer::Failed, `self` is held.
+Answer _SkipDetermination(ModuleState& m, Event& event);
 
 /// The last filter, on stepping, breakpoints and wanted returns: 1 skip, 0 call, -1 with an exception set.
-int _SkipSecondCallback(ModuleState& m, InitialCallbackData& callback, PyObject* per_code_object,
-                        PyObject* per_thread, PyObject* lineno_obj);
+int _SkipSecondCallback(ModuleState& m, Event& event);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);

@@ -529,6 +529,7 @@ Ref create(ModuleState& m) {
     }
     store_class_slot(as_type(cls.get()), &ClassData::_fPerCodeObjectDict, std::move(registry));
     set_class_word(as_type(cls.get()), kExtraIndexField, index);
+    class_data_as<ClassData>(as_type(cls.get())).reserved_index = index;
     store_class_slot(as_type(cls.get()), &ClassData::_fNewPerCodeObjectCreatedCallback, new_none());
     return cls;
 }

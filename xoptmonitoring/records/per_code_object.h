@@ -20,6 +20,8 @@ struct PerCodeObjectClassData {
     PyObject* _fPerCodeObjectDict;
     Py_ssize_t _fCodeObjectExtraIndex;
     PyObject* _fNewPerCodeObjectCreatedCallback;
+    /// The index that was reserved for this class; the field above is the tracer's to change.
+    Py_ssize_t reserved_index;
 };
 
 namespace per_code_object {
@@ -51,6 +53,31 @@ bool reset(ModuleState& m);
 
 inline PerCodeObjectData& data(PyObject* self) {
     return instance_data_as<PerCodeObjectData>(self);
+}
+
+/// The settled record in the slot of `code_object`, borrowed; null, with no exception set, where the long way has to
+/// be gone. For the fast road under a global lock: the code object is running and owns the slot, and only Python code
+/// could put another record there. Without a global lock there is no such moment, and the answer is always null.
+inline PyObject* peek_settled(const ModuleState& m, PyObject* code_object) {
+    PyTypeObject* cls = as_type(m.globals.CPerCodeObject);
+    if (XPY_UNLIKELY(is_free_threaded() || cls == nullptr)) {
+        return nullptr;
+    }
+    const auto& class_fields = class_data_as<PerCodeObjectClassData>(cls);
+    void* extra = nullptr;
+    if (XPY_UNLIKELY(class_fields._fCodeObjectExtraIndex != class_fields.reserved_index ||
+                     class_fields.reserved_index < 0)) {
+        return nullptr;
+    }
+    if (XPY_UNLIKELY(xpy.PyUnstable_Code_GetExtra(code_object, class_fields.reserved_index, &extra) < 0)) {
+        xpy.PyErr_Clear();  // the long way meets the same error
+        return nullptr;
+    }
+    auto* record = static_cast<PyObject*>(extra);
+    if (XPY_UNLIKELY(record == nullptr || type_of(record) != cls || data(record).fUpdatePathnameNeeded != 0)) {
+        return nullptr;
+    }
+    return record;
 }
 
 }  // namespace per_code_object

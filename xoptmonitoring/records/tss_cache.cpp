@@ -82,15 +82,15 @@ bool drop_current_slot(ModuleState& m) {
 
 namespace tss_cache {
 
-PyObject* peek(ModuleState& /*m*/) {
+PyObject* peek(const ModuleState& m) {
     if (XPY_UNLIKELY(is_free_threaded() || _gXOptPerThreadTssKey == nullptr)) {
         return nullptr;
     }
     const TssSlotRecord* rec = current_record_locked(_gXOptPerThreadTssKey);
-    if (rec == nullptr || rec->tstate != xpy.PyThreadState_Get()) {
+    if (XPY_UNLIKELY(rec == nullptr || rec->per_thread == nullptr || rec->tstate != xpy.PyThreadState_Get())) {
         return nullptr;
     }
-    return rec->per_thread;
+    return as_object(type_of(rec->per_thread)) == m.globals.CPerThread ? rec->per_thread : nullptr;
 }
 
 Ref Get(ModuleState& m) {

@@ -17,9 +17,9 @@ Ref create(ModuleState& m);
 /// The calling thread's cached record, or None. Empty with an exception set.
 Ref Get(ModuleState& m);
 
-/// The calling thread's cached record, borrowed, or null where Get() has to be asked. For the hot path of builds with
-/// a global lock, where nobody can take the record away before the caller has used it.
-PyObject* peek(ModuleState& m);
+/// The calling thread's cached record, borrowed, or null where Get() has to be asked. For the fast road under a global
+/// lock, where only Python code could take the record away; always null without one.
+PyObject* peek(const ModuleState& m);
 
 /// Makes `per_thread` the calling thread's cached record. Does nothing where the slot cannot be had. False with an
 /// exception set.

@@ -1,5 +1,5 @@
-// The layout tables: how they are laid out, which one is chosen for which interpreter, and where every field comes
-// to lie. No interpreter is needed, since tables are data and the version is a word in the record.
+// The layout tables: how they are laid out, which one is chosen for which interpreter, and where every field
+// comes to lie. No interpreter is needed, since tables are data and the version is a word in the record.
 
 #include "xoptmonitoring/binding/xpy_c_api.h"
 #include "xoptmonitoring/binding/xpy_layouts.h"
@@ -65,7 +65,8 @@ Py_ssize_t size_of(const XPy_FieldWithSize* table) {
 // ---- laying a table out ----
 
 TEST_F(Layouts, a_field_is_aligned_to_its_size) {
-    const XPy_FieldWithSize table[] = {{"a", 1}, {"b", 2}, {"c", 1}, {"d", 4}, {"e", 1}, {"f", 8}, {nullptr, 0}};
+    const XPy_FieldWithSize table[] = {{"a", 1}, {"b", 2}, {"c", 1},    {"d", 4},
+                                       {"e", 1}, {"f", 8}, {nullptr, 0}};
     EXPECT_EQ(offset_in(table, "a"), 0);
     EXPECT_EQ(offset_in(table, "b"), 2);
     EXPECT_EQ(offset_in(table, "c"), 4);

@@ -1,5 +1,5 @@
-// The exported functions in a process without any interpreter: nothing is called through an empty slot, and what
-// does not need an interpreter works.
+// The exported functions in a process without any interpreter: nothing is called through an empty slot, and
+// what does not need an interpreter works.
 
 #include "xoptmonitoring/binding/xpy_c_api_extra.h"
 #include "xoptmonitoring/diagnostics/dprintf.h"

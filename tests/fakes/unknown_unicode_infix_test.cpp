@@ -1,0 +1,19 @@
+// An interpreter whose Unicode functions are spelled as in none that is known.
+
+#include "fake_interpreter.h"
+#define FAKE_GENERATION 3
+#define FAKE_UNICODE_INFIX "UCS8"
+#include "fake_names.inc"
+FAKE_ENTRY_POINT(PyModule_Create2)
+
+namespace {
+
+class UnknownUnicodeInfix : public FakeInterpreter {};
+
+TEST_F(UnknownUnicodeInfix, is_reported_with_the_first_name_that_is_missing) {
+    EXPECT_EQ(bind(), Bound(-1, "GetUnicodeFunction() failed for: _AsEncodedString\n"));
+    expect_import_error();
+    EXPECT_EQ(record().failed_to_initialize, 0);
+}
+
+}  // namespace
