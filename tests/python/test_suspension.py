@@ -75,14 +75,13 @@ class ProtocolTest(SuspensionTestCase):
 
     def test_a_thread_that_need_not_check_returns_at_once_and_never_touches_the_lock(self):
         record = self.make_record()
-        record.fSuspendLock = raising()
+        record.fSuspendLock = raising("__getattribute__")
         self.start_logging(EVERY_MASK_BIT)
         for value in (False, 0, None, "", []):
             with self.subTest(value=value):
                 record.fCheckSuspendLock = value
                 self.assertIsNone(self.callback._SuspendIfNeeded(record))
         self.assertEqual(self.steps, [])
-        record.fSuspendLock = None
 
     def test_anything_true_makes_the_thread_acquire_and_release_without_arguments(self):
         for value in (True, 1, "yes", [0]):

@@ -4,6 +4,7 @@
 // published under its name by a descriptor of the module's own type.
 #include "xoptmonitoring/module/module_object.h"
 
+#include "xoptmonitoring/binding/xpy_layouts.h"
 #include "xoptmonitoring/runtime/managed_struct.h"
 
 #include <array>
@@ -53,27 +54,6 @@ int set_global(PyObject* module, PyObject* value, void* closure) {
     return -1;
 }
 
-bool is_global(PyObject* name) {
-    for (const GlobalDecl& global : kGlobals) {
-        if (xpy.PyUnicode_CompareWithASCIIString(name, global.name) == 0) {
-            return true;
-        }
-    }
-    return false;
-}
-
-/// Attribute access of the module. The interpreter's own would replace the error of an unset global by its "module
-/// has no attribute".
-PyObject* get_module_attribute(PyObject* module, PyObject* name) {
-    PyObject* value = xpy.PyObject_GenericGetAttr(module, name);
-    if (value != nullptr || xpy.PyErr_ExceptionMatches(xpy.PyExc_AttributeError) == 0 || is_global(name)) {
-        return value;
-    }
-    xpy.PyErr_Clear();
-    using getattrofunc = PyObject* (*)(PyObject*, PyObject*);
-    return reinterpret_cast<getattrofunc>(xpy.PyType_GetSlot(xpy.PyModule_Type_ptr, Py_tp_getattro))(module, name);
-}
-
 template <std::size_t... Index>
 constexpr auto make_getsets(std::index_sequence<Index...> /*indexes*/) {
     return std::array<PyGetSetDef, sizeof...(Index) + 1>{
@@ -101,20 +81,43 @@ PyMethodDef module_methods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
+/// A slot of the interpreter's module type, by its field's name. Read through the layout: before 3.10 the interpreter
+/// answers PyType_GetSlot() for types made at run time only.
 template <class Function>
-Function base_slot(int slot) {
-    return reinterpret_cast<Function>(xpy.PyType_GetSlot(xpy.PyModule_Type_ptr, slot));
+Function base_slot(const char* field) {
+    return *XPy_GetFieldAddress<Function>(xpy.PyModule_Type_ptr, FindFieldOffsetMissingOk(field, typeobject_fields));
+}
+
+bool is_global(PyObject* name) {
+    for (const GlobalDecl& global : kGlobals) {
+        if (xpy.PyUnicode_CompareWithASCIIString(name, global.name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Attribute access of the module. The interpreter's own would replace the error of an unset global by its "module
+/// has no attribute".
+PyObject* get_module_attribute(PyObject* module, PyObject* name) {
+    PyObject* value = xpy.PyObject_GenericGetAttr(module, name);
+    if (value != nullptr || xpy.PyErr_ExceptionMatches(xpy.PyExc_AttributeError) == 0 || is_global(name)) {
+        return value;
+    }
+    xpy.PyErr_Clear();
+    using getattrofunc = PyObject* (*)(PyObject*, PyObject*);
+    return base_slot<getattrofunc>("tp_getattro")(module, name);
 }
 
 int traverse_module(PyObject* module, visitproc visit, void* arg) {
     if (const int stop = visit(as_object(type_of(module)), arg)) {
         return stop;
     }
-    return base_slot<traverseproc>(Py_tp_traverse)(module, visit, arg);
+    return base_slot<traverseproc>("tp_traverse")(module, visit, arg);
 }
 
 int clear_module(PyObject* module) {
-    const int status = base_slot<inquiry>(Py_tp_clear)(module);
+    const int status = base_slot<inquiry>("tp_clear")(module);
     if (ModuleState* m = state_of(module)) {
         clear_state(*m);
     }
@@ -122,15 +125,11 @@ int clear_module(PyObject* module) {
 }
 
 void finalize_module(PyObject* module) {
+    finalize_members(module, xpy.PyModule_Type_ptr, nullptr, {},
+                     "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
     const PendingException pending;
-    if (auto finalize = base_slot<destructor>(Py_tp_finalize)) {
-        finalize(module);
-    }
     if (ModuleState* m = state_of(module)) {
         clear_state(*m);
-    }
-    if (xpy.PyErr_Occurred() != nullptr) {
-        xpy.PyErr_FormatUnraisable("Exception ignored in _XNotPy_ManagedStruct tp_finalize");
     }
 }
 

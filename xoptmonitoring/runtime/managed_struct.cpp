@@ -32,6 +32,8 @@ void finalize_members(PyObject* self, PyTypeObject* base, void* data, std::span<
     const PendingException pending;
     if (void* finalize = xpy.PyType_GetSlot(base, Py_tp_finalize)) {
         reinterpret_cast<destructor>(finalize)(self);
+    } else {
+        xpy.PyErr_Clear();  // before 3.10 a built-in type's slots are not to be asked for
     }
     clear_members(data, fields);
     if (xpy.PyErr_Occurred() != nullptr) {
