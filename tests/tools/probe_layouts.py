@@ -1,9 +1,9 @@
 """Hold the layout tables against the interpreters' own headers: probe_layouts.py [OPTION ...] [LABEL ...]
 
-For each interpreter found (or each LABEL named) whose headers are installed, a small C program is compiled against
-them that prints where every field of every table lies. Printed is each row where table and header differ, and what
-is known about it; the exit status is 1 if there is a difference that nobody knows about. docs/layouts.md tells what
-the known ones mean. Nothing of this is needed to build or run the module.
+For each interpreter found (or each LABEL named) whose headers are installed, a small C program is compiled
+against them that prints where every field of every table lies. Printed is each row where table and header
+differ, and what is known about it; the exit status is 1 if there is a difference that nobody knows about.
+docs/layouts.md tells what the known ones mean. Nothing of this is needed to build or run the module.
 """
 
 import argparse
