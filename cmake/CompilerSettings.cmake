@@ -88,6 +88,7 @@ function(xopt_link_to_libc_only target)
   if(NOT XOPT_SANITIZE)
     target_link_options(${target} PRIVATE LINKER:-z,defs)
   elseif(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
-    target_link_options(${target} PRIVATE LINKER:--push-state,--no-as-needed -lasan -lubsan LINKER:--pop-state)
+    target_link_options(${target} PRIVATE LINKER:--push-state,--no-as-needed -lasan -lubsan
+                                          LINKER:--pop-state)
   endif()
 endfunction()

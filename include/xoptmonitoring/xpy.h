@@ -57,13 +57,17 @@ typedef struct PyMethodDef {
     const char* ml_doc;
 } PyMethodDef;
 
+#else
+
+/* Python.h of older versions leaves this one to another header. */
+typedef struct _frame PyFrameObject;
+
 #endif /* Py_PYTHON_H */
 
 /* The interpreter's innermost frame of 3.11: not an object. */
 struct _PyInterpreterFrame;
 
-/* A module definition in the interpreter's own layout: what its PyModuleDef_Init and PyModule_Create2 take.
- */
+/* A module definition in the interpreter's own layout: what PyModuleDef_Init and PyModule_Create2 take. */
 struct PyModuleDefBlock;
 
 /* ---- binding ---- */

@@ -1,7 +1,7 @@
 """The debugger's log of its own failures.
 
-The debugger runs inside somebody else's program. What goes wrong in it must neither escape into that program nor
-get lost, so it is written down here: the last entries are kept, and may be shown as they come in.
+The debugger runs inside somebody else's program. What goes wrong in it must neither escape into that program
+nor get lost, so it is written down here: the last entries are kept, and may be shown as they come in.
 """
 
 import collections
@@ -10,15 +10,16 @@ import traceback
 
 _MAX_ENTRIES = 200
 
-_entries = collections.deque(maxlen=_MAX_ENTRIES)  # text only: a kept traceback would keep the program's frames
+# Text only: a traceback that is kept would keep the program's frames.
+_entries = collections.deque(maxlen=_MAX_ENTRIES)
 _output_file = None
 
 
 def LogException(exc, show):
     """Write down an exception with its traceback. Never raises.
 
-    exc is the exception, or None for the one that is being handled. With `show` true the entry also goes to the
-    log's output file at once (see SetOutputFile).
+    exc is the exception, or None for the one that is being handled. With `show` true the entry also goes to
+    the log's output file at once (see SetOutputFile).
     """
     try:
         if exc is None:

@@ -1,12 +1,12 @@
 """Watch the tracer at work: python -m vorntracer.demo [SCRIPT [ARGUMENT ...]] [--break FILE:WHERE ...]
 
-Runs a Python script with breakpoints and prints each stop: file, line, function, source line and a few variables.
-At the first stop of each breakpoint it takes a few steps and shows what the function returns. At the end it tells
-how many monitoring events there were, and what became of them.
+Runs a Python script with breakpoints and prints each stop: file, line, function, source line and a few
+variables. At the first stop of each breakpoint it takes a few steps and shows what the function returns. At
+the end it tells how many monitoring events there were, and what became of them.
 
-  --break FILE:WHERE  set a breakpoint. FILE is a pathname, or one below an entry of sys.path: json/decoder.py is
-                      found in the standard library. WHERE is the number of a line, or the name of a function
-                      (raw_decode, or JSONDecoder.raw_decode), for its first line.
+  --break FILE:WHERE  set a breakpoint. FILE is a pathname, or one below an entry of sys.path: json/decoder.py
+                      is found in the standard library. WHERE is the number of a line, or the name of a
+                      function (raw_decode, or JSONDecoder.raw_decode), for its first line.
   --hits N            take a breakpoint away after it has stopped N times (2; 0: never)
   --                  what follows are arguments of the script, also where it looks like an option of the demo
 
@@ -76,7 +76,7 @@ def parse_command_line(words):
 
 
 def find_default_script():
-    """The script of the demo: below the working directory, or in the project that this package was built in."""
+    """The script of the demo: below the working directory, or in the project that this package belongs to."""
     folder = os.path.dirname(os.path.abspath(__file__))
     folders = [os.getcwd()]
     while folder != os.path.dirname(folder):
@@ -110,9 +110,10 @@ def find_place(place):
 
 
 def find_function(node, name):
-    """The line of the first statement, after the doc string, of a function in a syntax tree; None if not there.
+    """The line of the first statement after the doc string of a function; None if it is not there.
 
-    The name is the function's own or is dotted, with what it is defined in.
+    node  the syntax tree to search
+    name  the function's own, or dotted, with what it is defined in
     """
     first, _, rest = name.partition(".")
     for child in ast.iter_child_nodes(node):
@@ -178,8 +179,9 @@ class CountingTracer(Tracer):
 
         The events that are never skipped are left out. The entry None is for a callback that does nothing.
         """
-        callbacks = {event: self._initial_callbacks[event].Callback for event in (
-            xo.kPyStartEventId, xo.kPyResumeEventId, xo.kPyReturnEventId, xo.kPyYieldEventId, xo.kPyLineEventId)}
+        events = (xo.kPyStartEventId, xo.kPyResumeEventId, xo.kPyReturnEventId, xo.kPyYieldEventId,
+                  xo.kPyLineEventId)
+        callbacks = {event: self._initial_callbacks[event].Callback for event in events}
         callbacks[None] = callable
         calls = 200_000
         nanoseconds = {}
@@ -273,9 +275,9 @@ class Show:
             cells = [str(cell).rjust(width) for cell, width in zip(row, widths)]
             cells[0] = str(row[0]).ljust(widths[0])
             self.print("  ".join(cells).rstrip())
-        self.print("A skipped event is one that the first stage answers by itself. Its cost is that of the first stage,"
-                   " called in a")
-        self.print("native loop; a callback that does nothing takes {:.1f} ns there.".format(nanoseconds[None]))
+        self.print("A skipped event is one that the first stage answers by itself. Its cost is that of the")
+        self.print("first stage, called in a native loop, where a callback that does nothing takes {:.1f} ns."
+                   .format(nanoseconds[None]))
 
     @staticmethod
     def name_of(event):

@@ -5,19 +5,20 @@
         return Command.STEP_OVER
 
     tracer = Tracer(on_stop)
-    tracer.set_breakpoint("json/decoder.py of your interpreter", 340)
+    tracer.set_breakpoint(json.decoder.__file__, 340)
     tracer.start()
 
-How an event comes here. For each kind of event the interpreter calls the `Callback` of one `CInitialCallback`,
-the first stage. It is native code, and for nearly every event it finds that there is nothing to do. Only where a
-breakpoint, a step or an awaited return may need it does it call the second stage: the `_on_...` methods below.
+How an event comes here. For each kind of event the interpreter calls the `Callback` of one
+`CInitialCallback`, the first stage. It is native code, and for nearly every event it finds that there is
+nothing to do. Only where a breakpoint, a step or an awaited return may need it does it call the second stage:
+the `_on_...` methods below.
 
-What is switched on. PY_START and PY_RESUME are on everywhere, because they are how new code objects are met. The
-first stage answers None to them, so they stay on and cost a few dozen nanoseconds each; a breakpoint that is set
-later therefore needs no event to be brought back. Lines, returns and yields are on only in the code objects that
-need them (`_switch_events`), and DISABLE is answered in one place alone: in code of the debugger itself. A
-location that was disabled there is brought back when a tracer starts, since which files are internal may change
-then.
+What is switched on. PY_START and PY_RESUME are on everywhere, because they are how new code objects are met.
+The first stage answers None to them, so they stay on and cost a few dozen nanoseconds each; a breakpoint that
+is set later therefore needs no event to be brought back. Lines, returns and yields are on only in the code
+objects that need them (`_switch_events`), and DISABLE is answered in one place alone: in code of the debugger
+itself. A location that was disabled there is brought back when a tracer starts, since which files are
+internal may change then.
 
 Where the state lives. In the native module's own records, since that is where the first stage looks:
 
@@ -31,11 +32,12 @@ Where the state lives. In the native module's own records, since that is where t
     CPerThread.fReturnFrame                     the thread stops when this frame is left
     CPerThread.fSteppingEventsNeeded            the thread has to notice the frames that it enters
 
-Who may do what when. One lock guards all of this. A thread that has it raises no events, so neither the code that
-it calls nor a finaliser that happens to run can bring it back here or hold it while others wait for the lock. The
-debugger's own files, and the files of the interpreter's library that run as a thread ends (after its record is
-gone), are internal: no event of theirs gets past the first stage. Callbacks raise no events anyway, that is a
-promise of `sys.monitoring`; `on_stop` runs in one, on the thread that stopped, one stop at a time.
+Who may do what when. One lock guards all of this. A thread that has it raises no events, so neither the code
+that it calls nor a finaliser that happens to run can bring it back here or hold it while others wait for the
+lock. The debugger's own files, and the files of the interpreter's library that run as a thread ends (after
+its record is gone), are internal: no event of theirs gets past the first stage. Callbacks raise no events
+anyway, that is a promise of `sys.monitoring`; `on_stop` runs in one, on the thread that stopped, one stop at
+a time.
 """
 
 import _weakrefset
@@ -72,8 +74,9 @@ class Reason(enum.Enum):
 class Command(enum.Enum):
     """What a stopped thread does next.
 
-    A step that comes to the end of its frame stops there once more, with the value that is handed out. From such
-    a stop, every step goes on in the caller; where there is no caller to stop in, it is the same as CONTINUE.
+    A step that comes to the end of its frame stops there once more, with the value that is handed out. From
+    such a stop, every step goes on in the caller; where there is no caller to stop in, it is the same as
+    CONTINUE.
     """
 
     CONTINUE = "continue"  # run on until a breakpoint
@@ -170,8 +173,8 @@ class Tracer:
     def _add_event(self, event, second_stage, can_return_disable=True):
         """Make the first stage for an event.
 
-        It is kept for our whole life, not only from start to stop: the interpreter does not keep a callback alive
-        while it calls it, and a thread may be held inside one for long.
+        It is kept for our whole life, not only from start to stop: the interpreter does not keep a callback
+        alive while it calls it, and a thread may be held inside one for long.
         """
         initial_callback = xo.CInitialCallback(event, second_stage, can_return_disable)
         self._initial_callbacks[event] = initial_callback
@@ -186,20 +189,27 @@ class Tracer:
             _monitoring.use_tool_id(self.tool_id, "vorntracer")
             _running_tracer = self
             self._is_running = True
+            try:
+                self._install()
+            except BaseException:
+                self.stop()
+                raise
 
-            xo.SetInternalPathnameDict(dict.fromkeys(self._internal_pathnames()))
-            xo.CPerThread.SetDebugPolicyCallback(self._debug_thread)
-            xo.CPerThread.SetGetThreadNameCallback(_thread_name)
-            xo.CPerThread.SetNewPerThreadCreatedCallback(self._on_new_thread)
-            xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(self._on_new_code_object)
-            for thread in xo.CPerThread.GetAllPerThreads():
-                thread.GetDebugPolicy()
+    def _install(self):
+        """Tell the native module and the interpreter whom to call, and for what."""
+        xo.SetInternalPathnameDict(dict.fromkeys(self._internal_pathnames()))
+        xo.CPerThread.SetDebugPolicyCallback(self._debug_thread)
+        xo.CPerThread.SetGetThreadNameCallback(_thread_name)
+        xo.CPerThread.SetNewPerThreadCreatedCallback(self._on_new_thread)
+        xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(self._on_new_code_object)
+        for thread in xo.CPerThread.GetAllPerThreads():
+            thread.GetDebugPolicy()
 
-            for event, first_stage in self._first_stages.items():
-                _monitoring.register_callback(self.tool_id, event, first_stage)
-            self._meet_running_code()
-            self._switch_global_events()
-            _monitoring.restart_events()
+        for event, first_stage in self._first_stages.items():
+            _monitoring.register_callback(self.tool_id, event, first_stage)
+        self._meet_running_code()
+        self._switch_global_events()
+        _monitoring.restart_events()
 
     def stop(self):
         """Let every thread run on, and receive no more events. Does nothing when not started."""
@@ -219,8 +229,9 @@ class Tracer:
             xo.CPerThread.SetGetThreadNameCallback(None)
             xo.CPerThread.SetDebugPolicyCallback(None)
 
-            # Records stay with their code objects. The next tracer may have other internal files and other names
-            # for files, and has to be shown them again: so what they say of that is marked as not known.
+            # Records stay with their code objects. The next tracer may have other internal files and other
+            # names for files, and has to be shown them again: so what they say of that is marked as not
+            # known.
             for per_file in xo.CPerFile.GetAllPerFiles():
                 for record in list(per_file.fKnownPerCodeObjects):
                     record.fUpdatePathnameNeeded = True
@@ -234,9 +245,9 @@ class Tracer:
     def reset(self):
         """Forget every breakpoint, step and hold, and all that the native module knows; go on if started.
 
-        The native module's reset empties its registries but leaves the records that it attached to code objects.
-        Stopping has marked these as not known, so that the second stage sees them when they next run and files
-        them anew (`_situate`).
+        The native module's reset empties its registries but leaves the records that it attached to code
+        objects. Stopping has marked these as not known, so that the second stage sees them when they next run
+        and files them anew (`_situate`).
         """
         with self._lock:
             was_running = self._is_running
@@ -248,17 +259,25 @@ class Tracer:
     def _internal_pathnames(self):
         """The canonical pathnames of all files whose code is never to be seen.
 
-        `weakref` runs the clean-up at a thread's end. Around that, `threading` and `_weakrefset` do their own:
-        their events would ask for the record of a thread that is gone, and get a new one that nothing cleans up.
+        `weakref` runs the clean-up at a thread's end. Around that, `threading` and `_weakrefset` do their
+        own: their events would ask for the record of a thread that is gone, and get a new one that nothing
+        cleans up. A finaliser of the program that runs as late as that still gets such a record, and the next
+        thread with the same id takes it over.
         """
         own_modules = (sys.modules[__name__], xo.dbgpythonapi, xo.dlog, xo.win32)
         thread_end_modules = (weakref, _weakrefset, threading)
-        files = [module.__file__ for module in own_modules + thread_end_modules if module is not None]
-        return [xo.get_canonical_pathname(os.fspath(file)) for file in (*files, *self._internal_files)]
+        files = [getattr(module, "__file__", None) for module in own_modules + thread_end_modules]
+        files.extend(self._internal_files)
+        return [xo.get_canonical_pathname(os.fspath(file)) for file in files if file is not None]
 
     def _meet_running_code(self):
-        """Meet what is running already: it will raise no event of its start any more."""
-        for frame in sys._current_frames().values():
+        """Meet what is running already: it will raise no event of its start any more.
+
+        Without a global lock other threads run on meanwhile, and their frames cannot be followed.
+        """
+        has_global_lock = getattr(sys, "_is_gil_enabled", lambda: True)()
+        innermost_frames = sys._current_frames().values() if has_global_lock else [sys._getframe()]
+        for frame in innermost_frames:
             while frame is not None:
                 self._situate(frame)
                 frame = frame.f_back
@@ -321,6 +340,18 @@ class Tracer:
             record.fEnabledBpLinenos = set()
         self._switch_events(record)
 
+    def _breakpoint_at(self, record, lineno):
+        """Return the breakpoint on a line of a code object, or None.
+
+        Another thread may be changing breakpoints, or stopping or resetting the tracer: what is missing then
+        is that the line has none.
+        """
+        enabled_linenos = record.fEnabledBpLinenos
+        if enabled_linenos is None or lineno not in enabled_linenos:
+            return None
+        per_file = xo.CPerFile.GetPerFile(record.fCanonicalPathname, False)
+        return None if per_file is None else per_file.fBpSetByLineno.get(lineno)
+
     # Which events are on
 
     def _switch_events(self, record):
@@ -339,8 +370,9 @@ class Tracer:
     def _switch_global_events(self):
         """Switch on the events that are needed in all code.
 
-        Exceptions that leave a frame are of interest while a frame is awaited, and can only be had everywhere.
-        While threads are being held, each has to come to an event soon, even out of a loop that calls nothing.
+        Exceptions that leave a frame are of interest while a frame is awaited, and can only be had
+        everywhere. While threads are being held, each has to come to an event soon, even out of a loop that
+        calls nothing.
         """
         if not self._is_running:
             return
@@ -368,16 +400,17 @@ class Tracer:
                 self._hold(thread)
 
     def _situate(self, frame):
-        """Return the record of a frame's code object, with its breakpoints known.
+        """Return the record of a frame's code object, with its breakpoints known while the tracer is running.
 
-        They are not known in a record that another thread is still announcing, and in one that is left from an
-        earlier tracer. The latter may be filed nowhere, after a reset.
+        They are not known in a record that another thread is still announcing, and in one that is left from
+        an earlier tracer. The latter may be filed nowhere, after a reset.
         """
         record = xo.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
         if record.fEnabledBpLinenos is None:
             with self._lock:
-                record._AddToPerFile()
-                self._find_breakpoints(record)
+                if self._is_running:
+                    record._AddToPerFile()
+                    self._find_breakpoints(record)
         return record
 
     # The second stage
@@ -393,9 +426,7 @@ class Tracer:
         frame = xo.GetNonInternalFrame()
         record = self._situate(frame)
         thread = xo.CPerThread.GetPerThread()
-        breakpoint = None
-        if lineno in record.fEnabledBpLinenos:
-            breakpoint = xo.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno.get(lineno)
+        breakpoint = self._breakpoint_at(record, lineno)
         if breakpoint is not None and (breakpoint.condition is None or breakpoint.condition(frame)):
             self._stop(Stop(thread, frame, Reason.BREAKPOINT, lineno, breakpoint=breakpoint))
         elif thread.fStopAtNextLine or frame is thread.fStopFrame:
@@ -445,8 +476,8 @@ class Tracer:
     def _begin_step(self, stop, command):
         """Replace the step that led to a stop by the one that is commanded.
 
-        Every step awaits the end of its frame, and so always ends: by a stop in the frame, or by one where it is
-        left. The events of a frame that nobody awaits, below or above, get no further than the comparison.
+        Every step awaits the end of its frame, and so always ends: by a stop in the frame, or by one where it
+        is left. The events of a frame that nobody awaits, below or above, get no further than the comparison.
         """
         is_from_caller = command is Command.STEP_OUT or stop.reason in _LEAVING
         with self._lock:
@@ -477,7 +508,8 @@ class Tracer:
     def _step_through(self, thread, record):
         """Let a thread that steps into whatever it meets step through one more code object."""
         with self._lock:
-            if record not in thread.fSteppingCodeObjects:
+            # The step may have been ended by another thread while we waited for the lock.
+            if thread.fStopAtNextLine and record not in thread.fSteppingCodeObjects:
                 thread.fSteppingCodeObjects.add(record)
                 record.fSteppingEventsNeededCount += 1
                 self._switch_events(record)
@@ -485,8 +517,8 @@ class Tracer:
     def _replace_step(self, thread, stepping, awaited):
         """Move the counts from a thread's old step to its new one.
 
-        stepping  the records of the code objects that the thread steps through. Records and not the code objects
-                  themselves, because different code objects with equal contents are equal.
+        stepping  the records of the code objects that the thread steps through. Records and not the code
+                  objects themselves, because different code objects with equal contents are equal.
         awaited   the record of the code object of its fReturnFrame, or None
         """
         old_stepping, old_awaited = self._steps.pop(thread, (set(), None))
@@ -543,15 +575,22 @@ class Tracer:
             self._switch_global_events()
 
     def _hold(self, thread):
-        """Have the first stage block a thread: it passes through the lock that we take here."""
+        """Have the first stage block a thread: it passes through the lock that we take here.
+
+        A thread may be held already when its record is announced, since it is registered before. One that has
+        just ended has no lock any more.
+        """
         suspend_lock = thread.fSuspendLock
-        if suspend_lock is not None:  # else the thread has just ended
+        if suspend_lock is not None and thread not in self._held:
             suspend_lock.acquire()
             thread.fCheckSuspendLock = True
             self._held[thread] = suspend_lock
 
     def ignore_this_thread(self):
-        """Never stop the calling thread, nor hold it: for threads of the debugger itself."""
+        """Never stop the calling thread, nor hold it: for threads of the debugger itself.
+
+        It counts until the tracer is started again.
+        """
         with self._lock:
             thread = xo.CPerThread.GetPerThread()
             if thread in self._steps:
@@ -572,27 +611,29 @@ class Tracer:
 
         The interpreter has cleared their thread states by now, so the records of most are gone already.
         """
-        self._turn = threading.Lock()
-        self.release_others()
-        this_thread = xo.CPerThread.GetPerThread(None, False)
-        for thread in list(self._steps):
-            if thread is not this_thread:
-                self._end_step(thread)
-        for thread in xo.CPerThread.GetAllPerThreads():
-            if thread is not this_thread:
-                xo.CPerThread._DiscardPerThread(thread.fThreadId)
-        if self._follow_forks:
-            xo.UpdateThisProcessPid()
-        else:
-            self.stop()
-        self._lock.__exit__()
+        try:
+            self._turn = threading.Lock()
+            self.release_others()
+            this_thread = xo.CPerThread.GetPerThread(None, False)
+            for thread in list(self._steps):
+                if thread is not this_thread:
+                    self._end_step(thread)
+            for thread in xo.CPerThread.GetAllPerThreads():
+                if thread is not this_thread:
+                    xo.CPerThread._DiscardPerThread(thread.fThreadId)
+            if self._follow_forks:
+                xo.UpdateThisProcessPid()
+            else:
+                self.stop()
+        finally:
+            self._lock.__exit__()
 
 
 def _thread_name(thread):
     """The name of the thread of a record.
 
-    Looks into the table of `threading` directly: its functions would wait for a lock that the thread may have, and
-    would make an entry for a thread that `threading` did not start.
+    Looks into the table of `threading` directly: its functions would wait for a lock that the thread may
+    have, and would make an entry for a thread that `threading` did not start.
     """
     known = threading._active.get(thread.fThreadId)
     return "thread {}".format(thread.fThreadId) if known is None else known.name

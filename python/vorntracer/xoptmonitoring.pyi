@@ -1,9 +1,9 @@
 """What runs inside a Python process while it is being debugged: records per file, code object and thread,
 canonical pathnames, and the first stage of every sys.monitoring event.
 
-This stub describes the native module for people and type checkers. Names that begin with an underscore are for
-the module itself and for its tests. All attributes of the module are read-only. Calls bind their arguments by
-the names given here and raise TypeError for wrong types, counts and names.
+This stub describes the native module for people and type checkers. Names that begin with an underscore are
+for the module itself and for its tests. All attributes of the module are read-only. Calls bind their
+arguments by the names given here and raise TypeError for wrong types, counts and names.
 """
 
 import ctypes as ctypes

@@ -168,6 +168,20 @@ TEST_F(Diagnostics, a_format_that_fails_is_replaced_by_a_fixed_text) {
     EXPECT_EQ(written(), "DPRINTF error: exception while formatting string\n");
 }
 
+TEST_F(Diagnostics, a_format_that_makes_no_sense_is_survived) {
+    log_to("file");
+    for (const char* format : {"%q\n", "%\n", "100%", "%-%\n"}) {
+        do_dprintf(kLogCore, format);
+        EXPECT_EQ(take_exception(), "") << format;
+        EXPECT_EQ(guard(), 0) << format;
+        if (version_number() >= 312) {
+            // Older versions copy what they do not know.
+            EXPECT_EQ(eval_text("file.text.split(chr(10))[-2]"),
+                      "DPRINTF error: exception while formatting string");
+        }
+    }
+}
+
 PyObject* fail_to_format(const char* /*format*/, va_list /*arguments*/) {
     xpy.PyErr_SetString(xpy.PyExc_MemoryError, "no room");
     return nullptr;

@@ -59,6 +59,8 @@ def expected_exception():
     """The name of the exception, and what its message has to name."""
     if VERSION[0] == 2:
         return "ImportError", "Unable to init XPy"
+    if VERSION < (3, 8):
+        return "ImportError", "xoptmonitoring needs Python 3.12 or later: no PyVectorcall_Call"
     if VERSION < (3, 9):
         return "RuntimeError", "PyType_FromModuleAndSpec() not available before 3.9"
     return "AttributeError", "monitoring"

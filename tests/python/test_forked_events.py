@@ -149,6 +149,46 @@ class DirectCallTest(EventTestCase):
             self.assertEqual(worker.call(in_forked_child, look), [False, True])
             self.assertIn(worker.ident, CPerThread._fPerThreadDict)
 
+    def test_the_records_of_threads_that_the_child_does_not_have_are_gone_there(self):
+        with Worker() as worker, Worker() as forking:
+            worker.call(CPerThread.GetPerThread)
+            forking.call(CPerThread.GetPerThread)
+
+            def look():
+                return [worker.ident in registry for registry in
+                        (CPerThread._fPerThreadDict, CPerThread._fCleanupSupportByThreadId,
+                         CPerThread._fCleanedUpThreadIds)] + [list(CPerThread._fPerThreadDict),
+                                                              CPerThread._fRegistryLock.locked()]
+
+            self.assertEqual(forking.call(in_forked_child, look), [False, False, True, [forking.ident], False])
+            self.assertEqual(set(CPerThread._fPerThreadDict), {worker.ident, forking.ident})
+
+    def test_a_registry_lock_held_at_the_fork_does_not_stop_the_child(self):
+        # The clean-up of the threads that the child does not have runs before fork() returns there, and the
+        # holder of the lock may be one of them.
+        stop = threading.Event()
+        registered = threading.Event()
+
+        def live_on():
+            CPerThread.GetPerThread()
+            registered.set()
+            stop.wait()
+
+        def look():
+            locked = CPerThread._fRegistryLock.locked()
+            xo.UpdateThisProcessPid()
+            return [locked, CPerThread._fRegistryLock.locked(), CPerThread.GetPerThread() is not None]
+
+        thread = threading.Thread(target=live_on)
+        thread.start()
+        try:
+            registered.wait()
+            with CPerThread._fRegistryLock:
+                self.assertEqual(in_forked_child(look), [True, False, True])
+        finally:
+            stop.set()
+            thread.join()
+
     def test_a_fork_amid_events_of_other_threads_leaves_the_child_able_to_work(self):
         known, _ = self.known_code(3)
         callback = self.make_callback(xo.kPyLineEventId)
@@ -170,18 +210,8 @@ class DirectCallTest(EventTestCase):
         for thread in threads:
             thread.start()
         try:
-            for _ in range(10):
-                # Only a thread that holds no lock of the debugger's may fork for the debugger; the registry
-                # lock, held by another thread at the moment of the fork, would stay held in the child.
-                with CPerThread._fRegistryLock:
-                    def look_with_free_lock():
-                        CPerThread._fRegistryLock.release()
-                        try:
-                            return look()
-                        finally:
-                            CPerThread._fRegistryLock.acquire()
-
-                    self.assertEqual(in_forked_child(look_with_free_lock), ["second", True])
+            for _ in range(20):
+                self.assertEqual(in_forked_child(look), ["second", True])
         finally:
             stop.set()
             for thread in threads:

@@ -1,4 +1,5 @@
-"""Work for library code that nobody here wrote: each function lets one module of the library parse and format.
+"""Work for library code that nobody here wrote: each function lets one module of the library parse and
+format.
 
 What they do is the same every time. They use no thread, and nothing whose ways depend on what ran before once
 they have run twice. Exceptions, generators, callbacks from native code and nested functions all occur.
@@ -93,7 +94,8 @@ def ast_work():
 def textwrap_work():
     text = "The quick-brown fox: jumps over\tthe lazy dog. " * 3
     wrapped = textwrap.fill(text, 20, initial_indent="* ", max_lines=5)
-    return wrapped, textwrap.dedent("   a\n    b\n"), textwrap.shorten(text, 30), textwrap.indent("a\n\nb", "> ")
+    indented = textwrap.indent(textwrap.dedent("   a\n\n    b\n"), "> ")
+    return wrapped, indented, textwrap.shorten(text, 30)
 
 
 def configparser_work():
@@ -108,8 +110,18 @@ def configparser_work():
     return {name: dict(section) for name, section in parser.items()}, file.getvalue(), message
 
 
+TABLE = '''
+title = "x"
+[a.b]
+when = 1979-05-27
+list = [1, 2.5, {k = "v"}]
+"q\\u00e9" = """
+y"""
+'''
+
+
 def tomllib_work():
-    table = tomllib.loads('title = "x"\n[a.b]\nwhen = 1979-05-27\nlist = [1, 2.5, {k = "v"}]\n"q\\u00e9" = """\ny"""\n')
+    table = tomllib.loads(TABLE)
     try:
         tomllib.loads("a = 1\na = 2")
     except tomllib.TOMLDecodeError as error:
@@ -136,4 +148,5 @@ def html_work():
     return collector.seen
 
 
-ALL_WORK = [json_work, csv_work, difflib_work, ast_work, textwrap_work, configparser_work, tomllib_work, html_work]
+ALL_WORK = [json_work, csv_work, difflib_work, ast_work,
+            textwrap_work, configparser_work, tomllib_work, html_work]

@@ -1,12 +1,12 @@
 """What the scenarios share: a base case with a tracer, programs with named lines, and forked children.
 
-* `ScenarioCase`: base class; makes tracers that are stopped and reset with the test, whose log has to be empty.
+* `ScenarioCase`: base class; makes tracers that end with the test, and expects an empty log.
 * `Program`: a program written to a file; the lines that a comment such as `#: loop` names can be asked for.
 * `Commander`: an `on_stop` that records what it is given and answers from a list of commands.
 * `run_in_child`: a function's result from a forked child.
 
-An exception that the interpreter could raise nowhere (in a finaliser, or a handler of `os.register_at_fork`) fails
-the test, and in a child the call of `run_in_child`.
+An exception that the interpreter could raise nowhere (in a finaliser, or a handler of `os.register_at_fork`)
+fails the test, and in a child the call of `run_in_child`.
 """
 
 import json
@@ -29,7 +29,8 @@ unraisable_exceptions = []
 
 def keep_unraisable_exception(unraisable):
     text = "".join(traceback.format_exception(unraisable.exc_value))
-    unraisable_exceptions.append(f"{unraisable.err_msg or 'Exception ignored in'}: {unraisable.object!r}\n{text}")
+    what = unraisable.err_msg or "Exception ignored in"
+    unraisable_exceptions.append(f"{what}: {unraisable.object!r}\n{text}")
 
 
 class ScenarioCase(XoTestCase):
@@ -146,9 +147,9 @@ class Program:
 class Commander:
     """Records every stop and answers it with the next command; with CONTINUE when there is none left.
 
-    `log` holds a triple for each stop: the name of its reason, that of its line, and its value. `threads` holds
-    the names of the threads that stopped. `commands` may hold functions as well: one is called with the stop and
-    gives the command.
+    `log` holds a triple for each stop: the name of its reason, that of its line, and its value. `threads`
+    holds the names of the threads that stopped. `commands` may hold functions as well: one is called with the
+    stop and gives the command.
     """
 
     def __init__(self, program, *commands):
@@ -172,7 +173,7 @@ class Commander:
 
 
 def run_in_child(function):
-    """Forks, and returns what the function returns in the child, by way of JSON; its failure fails the test."""
+    """Forks, and returns what the function returns in the child, by way of JSON; its failure fails here."""
     reading_end, writing_end = os.pipe()
     pid = os.fork()
     if pid == 0:

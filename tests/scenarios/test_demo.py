@@ -1,4 +1,4 @@
-"""The demo as a person runs it: its stops, steps, return value and table, and what it says to wrong commands."""
+"""The demo as a person runs it: stops, steps, a return value, the table, and answers to wrong commands."""
 
 import csv
 import inspect
@@ -54,8 +54,8 @@ class DemoCase(XoTestCase):
     def run_demo(self, *words, status=0, folder=ROOT):
         environment = dict(os.environ, PYTHONPATH=PACKAGE_DIR, PYTHONIOENCODING="utf-8")
         command = [sys.executable, "-X", "faulthandler", "-m", "vorntracer.demo", *map(str, words)]
-        done = subprocess.run(command, cwd=folder, env=environment, stdin=subprocess.DEVNULL, capture_output=True,
-                              encoding="utf-8", timeout=time_limit(120))
+        done = subprocess.run(command, cwd=folder, env=environment, stdin=subprocess.DEVNULL,
+                              capture_output=True, encoding="utf-8", timeout=time_limit(120))
         self.assertEqual(done.returncode, status, done.stdout + done.stderr)
         return done
 
@@ -138,7 +138,7 @@ class WithoutAScript(DemoCase):
         self.assertEqual(len(costs), 2)
         for cost in costs:
             self.assertGreater(float(cost), 0)
-        self.assertRegex(self.output, r"a callback that does nothing takes \d+\.\d ns")
+        self.assertRegex(self.output, r"a callback that does nothing takes \d+\.\d ns\.")
 
     def test_it_runs_from_any_folder_of_a_built_project(self):
         if pathlib.Path(PACKAGE_DIR).resolve().parents[1] != ROOT / "build":
@@ -170,8 +170,8 @@ class WithAScript(DemoCase):
                          (os.path.join(self.folder, "neighbour.py"), 2, "double"))
 
     def test_the_scripts_arguments_and_status_are_its_own(self):
-        output = self.run_demo(self.script, "one", "--two", "--break", f"{self.script}:greet", "--", "--break",
-                               status=3).stdout
+        words = [self.script, "one", "--two", "--break", f"{self.script}:greet", "--", "--break"]
+        output = self.run_demo(*words, status=3).stdout
         self.assertIn(f"arguments ['one', '--two', '--break'] {self.script}\n", output)
 
     def test_a_script_without_breakpoints_runs_and_gets_its_table(self):
@@ -213,7 +213,8 @@ class WrongCommands(DemoCase):
         self.assert_refused("--hits needs a number, not 'x'", "--hits", "x")
         self.assert_refused("FILE:LINE or FILE:FUNCTION, not '12'", self.script, "--break", "12")
         self.assert_refused("there is no file 'no/such.py'", self.script, "--break", "no/such.py:1")
-        self.assert_refused("there is no function 'missing'", self.script, "--break", f"{self.script}:missing")
+        self.assert_refused("there is no function 'missing'",
+                            self.script, "--break", f"{self.script}:missing")
         self.assert_refused("there is no function 'greet.missing'",
                             self.script, "--break", f"{self.script}:greet.missing")
 

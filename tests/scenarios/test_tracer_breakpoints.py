@@ -408,6 +408,18 @@ class StartingStoppingAndResetting(BreakpointCase):
         self.program.load().total([1])
         self.assertEqual(self.stopped_lines(), ["add"])
 
+    def test_a_start_that_fails_half_way_leaves_nothing_started(self):
+        def fail(thread_id):
+            raise RuntimeError("no policy")
+
+        xo.CPerThread.GetPerThread()
+        tracer = self.make_tracer(self.commander, debug_thread=fail)
+        with self.assertRaisesRegex(RuntimeError, "no policy"):
+            tracer.start()
+        self.assertIsNone(sys.monitoring.get_tool(Tracer.tool_id))
+        self.assertIsNone(xo.CPerThread._fDebugPolicyCallback)
+        self.assertIsNone(xo.CPerThread._fNewPerThreadCreatedCallback)
+
     def test_stopping_twice_does_nothing(self):
         self.tracer.start()
         self.tracer.stop()

@@ -221,7 +221,8 @@ class ForkedChildren(ScenarioCase):
                 inside.append(True)
                 time.sleep(0.5)
 
-        # Code that is met for the first time waits for the lock as well: let nothing be new that runs from here on.
+        # Code that is met for the first time waits for the lock as well: let nothing be new that runs from
+        # here on.
         thread = threading.Thread(target=change, daemon=True)
         thread.start()
         run_in_child(int)

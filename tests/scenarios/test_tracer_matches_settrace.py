@@ -1,12 +1,13 @@
-"""The tracer's stops in library code are what `sys.settrace` reports for the same run, in one thread and in eight.
+"""The tracer's stops in library code are what `sys.settrace` reports, in one thread and in eight.
 
-`sys.settrace` is the oracle: the interpreter's own and older way to see lines and returns. Two of its ways differ
-from those of `sys.monitoring`, on purpose of the interpreter, and are taken out of the oracle's report here:
+`sys.settrace` is the oracle: the interpreter's own and older way to see lines and returns. Two of its ways
+differ from those of `sys.monitoring`, on purpose of the interpreter, and are taken out of the oracle's report
+here:
 
-* A jump backwards within one line (a comprehension or generator expression on one line, going round) is reported
-  as a line once more. `sys.monitoring` reports a line only when it is come upon from another one.
-* A frame that an exception leaves is reported as a return of None. The tracer's stop there has a reason of its own
-  and the exception, so that is what is rewritten, and only for that reason.
+* A jump backwards within one line (a comprehension or generator expression on one line, going round) is
+  reported as a line once more. `sys.monitoring` reports a line only when it is come upon from another one.
+* A frame that an exception leaves is reported as a return of None. The tracer's stop there has a reason of
+  its own and the exception, so that is what is rewritten, and only for that reason.
 """
 
 import collections
@@ -152,7 +153,7 @@ class TracerMatchesSettrace(ScenarioCase):
             run(*works)
             return
         barrier = threading.Barrier(len(works))
-        is_done = threading.Barrier(len(works))  # thread ids are told apart: no thread ends before all are done
+        is_done = threading.Barrier(len(works))  # no thread ends, and gives its id away, before all are done
 
         def run_one(work):
             barrier.wait(60)

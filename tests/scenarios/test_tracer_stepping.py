@@ -416,6 +416,14 @@ class WhatAStepLeavesBehind(SteppingCase):
         self.assertEqual(len(self.commander.log), 2)
         self.assert_no_counts()
 
+    def test_a_frame_entered_while_the_tracer_is_stopped_by_another_thread_is_not_counted(self):
+        self.program.inner(1)
+        thread = xo.CPerThread.GetPerThread()
+        record = xo.CPerCodeObject.GetPerCodeObject(self.program.inner.__code__)
+        self.tracer.stop()
+        self.tracer._step_through(thread, record)
+        self.assert_no_counts()
+
     def test_a_handler_that_raises_ends_the_step(self):
         self.expect_log_entries(1)
         self.break_at("first call")

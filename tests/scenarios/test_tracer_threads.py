@@ -119,6 +119,17 @@ class HoldingThreads(ThreadsCase):
         tracer.release_others()
         self.assert_counting(state)
 
+    def test_a_thread_that_is_held_before_its_record_is_announced_is_held_once(self):
+        tracer = self.start_tracer()
+        state = self.spin_in(self.program.calling)
+        self.assert_counting(state)
+        tracer.hold_others()
+        for thread in xo.CPerThread.GetAllPerThreads():
+            tracer._on_new_thread(thread)
+        self.assert_held(state)
+        tracer.release_others()
+        self.assert_counting(state)
+
     def test_the_holder_itself_goes_on(self):
         tracer = self.start_tracer()
         tracer.hold_others()

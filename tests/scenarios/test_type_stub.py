@@ -1,4 +1,5 @@
-"""The type stub of the module says what the module has: names, parameters, defaults, values and documentation."""
+"""The type stub of the module says what the module has: names, parameters, defaults, values and
+documentation."""
 
 import ast
 import os
@@ -73,7 +74,8 @@ class TypeStub(unittest.TestCase):
                 names = self.names_in(node)
                 nested = {nested.rpartition(".")[2] for nested in interface.CLASSES
                           if nested.rpartition(".")[0] == path}
-                functions = {name: child for name, child in names.items() if isinstance(child, ast.FunctionDef)}
+                functions = {name: child for name, child in names.items()
+                             if isinstance(child, ast.FunctionDef)}
                 fields = {name: ast.unparse(child.annotation) for name, child in names.items()
                           if isinstance(child, ast.AnnAssign)}
                 self.assertEqual(set(names) - set(functions) - set(fields), nested)
@@ -86,12 +88,14 @@ class TypeStub(unittest.TestCase):
 
                 own_name = path.rpartition(".")[2].lstrip("_")
                 methods = {**table.class_methods, **table.methods}
-                mangled = {f"_{own_name}{name}" if name.startswith("__") and not name.endswith("__") else name:
-                           child for name, child in functions.items()}
+                private = {name for name in functions if name.startswith("__") and not name.endswith("__")}
+                mangled = {f"_{own_name}{name}" if name in private else name: child
+                           for name, child in functions.items()}
                 self.assertEqual(set(mangled), set(methods))
                 for name, child in mangled.items():
-                    is_class_method = [ast.unparse(decorator) for decorator in child.decorator_list]
-                    self.assertEqual(is_class_method, ["classmethod"] if name in table.class_methods else [], name)
+                    decorators = [ast.unparse(decorator) for decorator in child.decorator_list]
+                    expected = ["classmethod"] if name in table.class_methods else []
+                    self.assertEqual(decorators, expected, name)
                     self.assertEqual(self.parameters_of(child, 1), methods[name], name)
                     self.assert_documented(child, f"{path}.{name}")
 

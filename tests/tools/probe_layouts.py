@@ -23,7 +23,7 @@ WORD = 8
 ALIGNMENT_CAP = 8
 
 # Which table describes which structure of which minor versions. Generation 2 counts as minor version -1.
-Probe = collections.namedtuple("Probe", "table structure minors includes")
+Probe = collections.namedtuple("Probe", "table structure minors includes")  # minors: first and last
 PROBES = [
     Probe("pre312_pyobject_fields", "PyObject", (-1, 11), ()),
     Probe("py312_13_64bit_pyobject_fields", "PyObject", (12, 13), ()),
@@ -77,7 +77,7 @@ KNOWN = {
     ("py3d10_cframe_fields", "CFrame", "current_frame"): "3.10 has `previous` there; never followed",
     ("py3d10_cframe_fields", "CFrame", "previous"): "one word further down in the table; nothing reads it",
     ("free_t_pyobject_fields", "PyObject", "ob_flags"): "two bytes of padding on 3.13",
-    ("py3d7_interpreter_state_fields", "struct _is", "core_config"): "the header's size has padding at its end",
+    ("py3d7_interpreter_state_fields", "struct _is", "core_config"): "the header counts padding at its end",
     ("py3d8_interpreter_state_fields", "struct _is", "fscodec.error_handler"): "an enumeration and padding",
 }
 
@@ -195,7 +195,7 @@ def probe_source(probe, member_of_row):
 
 
 def variants(interpreter):
-    """Builds that can be asked for with one interpreter's headers: a name, defines, and the free-threaded switch."""
+    """Builds that one interpreter's headers describe: a name, defines, and whether it is free-threaded."""
     minor = interpreter["version"][1]
     yield "", (), interpreter["free_threaded"]
     if interpreter["version"][0] == 3 and minor >= 13 and not interpreter["free_threaded"]:

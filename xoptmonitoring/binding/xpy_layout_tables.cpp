@@ -1,8 +1,11 @@
 // The layout tables, as data: what a structure of which interpreter version is made of.
 //
-// Sizes are those of 64-bit Linux, read off the headers of the versions named. A pseudo row for an object header has
-// no size here, since reference-tracing builds put two words in front of the header's fields.
+// Sizes are those of 64-bit Linux, read off the headers of the versions named. A pseudo row for an object
+// header has no size here, since reference-tracing builds put two words in front of the header's fields.
 #include "xoptmonitoring/binding/xpy_layouts.h"
+
+// One row to a line, as one field to a line in the headers.
+// clang-format off
 
 // Object header up to 3.11.
 const XPy_FieldWithSize pre312_pyobject_fields[] = {
@@ -635,3 +638,5 @@ const XPy_FieldWithSize py3d8_pyconfig_fields[] = {
     {"_init_main", 4},
     {nullptr, 0},
 };
+
+// clang-format on

@@ -21,20 +21,28 @@ bool reset_pathnames(ModuleState& m) {
     return true;
 }
 
+/// Makes this process the one whose events count. False with an exception set.
+bool adopt_process(ModuleState& m) {
+    const bool forked = load_global(m.globals._gThisProcessPid) != xpy.cached_pid;
+    if (forked && !per_thread::replace_lost_lock(m)) {
+        return false;
+    }
+    store_global(m, m.globals._gThisProcessPid, xpy.cached_pid);
+    return true;
+}
+
 /// The order matters: output first, so that nothing below writes a line; pathnames before the records filed under
 /// them; threads last. A failure leaves done what was done.
 Ref reset(ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
     store_global(m, m.globals._gDPrintfFile, new_none());
     store_global(m, m.globals._gDPrintfMask, 0);
-    store_global(m, m.globals._gThisProcessPid, xpy.cached_pid);
     const bool done =
-        reset_pathnames(m) && per_file::reset(m) && per_code_object::reset(m) && per_thread::reset(m);
+        adopt_process(m) && reset_pathnames(m) && per_file::reset(m) && per_code_object::reset(m) && per_thread::reset(m);
     return done ? new_none() : Ref();
 }
 
 Ref update_pid(ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
-    store_global(m, m.globals._gThisProcessPid, xpy.cached_pid);
-    return new_none();
+    return adopt_process(m) ? new_none() : Ref();
 }
 
 Ref bench_callback(ModuleState& /*m*/, PyObject* /*self*/, const Argument* args) {

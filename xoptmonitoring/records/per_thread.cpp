@@ -79,7 +79,7 @@ bool enter_registries(ModuleState& m, PyObject* thread_id, PyObject* per_thread,
         return false;
     }
     RegistryLock lock(m);
-    if (!lock.is_held() || !dict_set(records.get(), thread_id, per_thread) ||
+    if (!lock.is_entered() || !dict_set(records.get(), thread_id, per_thread) ||
         !dict_set(supports.get(), thread_id, cleanup_support)) {
         return false;
     }
@@ -145,7 +145,7 @@ bool leave_registries(ModuleState& m, PyObject* thread_id, Discarded* discarded)
         return false;
     }
     RegistryLock lock(m);
-    if (!lock.is_held()) {
+    if (!lock.is_entered()) {
         return false;
     }
     discarded->per_thread = dict_pop(records.get(), thread_id, m.names.pop);
@@ -477,6 +477,21 @@ void _Clear(PyObject* self) {
     set(record.fThreadName, new_none());
     set(record.fExitingWithException, new_bool(false));
     set(record.fSteppingCodeObjects, new_none());
+}
+
+bool replace_lost_lock(ModuleState& m) {
+    const Ref lock = class_slot(m, &ClassData::_fRegistryLock);
+    const Ref acquired = lock ? call_method(lock.get(), m.names.acquire, xpy._Py_FalseStruct) : Ref();
+    const int is_free = acquired ? xpy.PyObject_IsTrue(acquired.get()) : -1;
+    if (is_free != 0) {
+        return is_free > 0 && call_method(lock.get(), m.names.release);
+    }
+    Ref fresh = new_threading_lock(m);
+    if (!fresh) {
+        return false;
+    }
+    store_class_slot(this_class(m), &ClassData::_fRegistryLock, std::move(fresh));
+    return true;
 }
 
 bool reset(ModuleState& m) {

@@ -27,6 +27,10 @@ Ref FindThreadName(PyObject* self);
 /// Drops everything that the record holds, so that cycles through frames are broken.
 void _Clear(PyObject* self);
 
+/// After fork: gives the class a new registry lock where the old one is held, by a thread that the child does not
+/// have. False with an exception set.
+bool replace_lost_lock(ModuleState& m);
+
 /// Empties the registries and drops the callbacks, in the order of the module's reset. False with an exception set.
 bool reset(ModuleState& m);
 

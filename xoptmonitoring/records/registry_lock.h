@@ -5,12 +5,21 @@
 
 /// Acquires the registry lock and releases it at the scope's end, with a pending exception kept. No callback and no
 /// other lock is taken while it is held.
+///
+/// In a forked child the interpreter ends the other threads' states, and so runs their clean-up, before fork() even
+/// returns. The thread that held the lock may be one of those that are gone, so until the child has been re-armed
+/// this does not wait: there is nobody to be kept out.
 class [[nodiscard]] RegistryLock {
   public:
-    explicit RegistryLock(ModuleState& m)
-        : m_(m),
-          lock_(per_thread::class_slot(m, &PerThreadClassData::_fRegistryLock)),
-          held_(lock_ && call_method(lock_.get(), m.names.acquire)) {}
+    explicit RegistryLock(ModuleState& m) : m_(m) {
+        lock_ = per_thread::class_slot(m, &PerThreadClassData::_fRegistryLock);
+        const bool may_wait = xpy.cached_pid == load_global(m.globals._gThisProcessPid);
+        const Ref acquired = !lock_     ? Ref()
+                             : may_wait ? call_method(lock_.get(), m.names.acquire)
+                                        : call_method(lock_.get(), m.names.acquire, xpy._Py_FalseStruct);
+        entered_ = static_cast<bool>(acquired);
+        held_ = entered_ && (may_wait || acquired.get() == xpy._Py_TrueStruct);
+    }
     ~RegistryLock() {
         if (held_) {
             static_cast<void>(release());
@@ -21,14 +30,16 @@ class [[nodiscard]] RegistryLock {
     RegistryLock(RegistryLock&&) = delete;
     RegistryLock& operator=(RegistryLock&&) = delete;
 
-    /// Whether the lock was acquired; otherwise an exception is set.
-    bool is_held() const noexcept {
-        return held_;
+    /// Whether the registries may be changed; otherwise an exception is set.
+    bool is_entered() const noexcept {
+        return entered_;
     }
 
     /// Releases the lock before the scope's end. False where that raised; the newer exception then stands.
     bool release() {
-        held_ = false;
+        if (!std::exchange(held_, false)) {
+            return true;
+        }
         PendingException pending;
         if (call_method(lock_.get(), m_.names.release)) {
             return true;
@@ -40,5 +51,6 @@ class [[nodiscard]] RegistryLock {
   private:
     ModuleState& m_;
     Ref lock_;
-    bool held_;
+    bool entered_ = false;
+    bool held_ = false;
 };

@@ -93,7 +93,7 @@ bool change_id_set(ModuleState& m, PyObject* ThreadClassData::*slot, PyObject* m
 bool leave_registries(ModuleState& m, PyObject* self, PyObject* thread_id, PyObject* per_thread) {
     Ref finalizer;  // dropped after the lock
     RegistryLock lock(m);
-    if (!lock.is_held() || !pop_if_same(m, &ThreadClassData::_fPerThreadDict, thread_id, per_thread)) {
+    if (!lock.is_entered() || !pop_if_same(m, &ThreadClassData::_fPerThreadDict, thread_id, per_thread)) {
         return false;
     }
     finalizer = peek_slot(self, data(self)._fFinalizer);

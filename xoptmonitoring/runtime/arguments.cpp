@@ -23,8 +23,11 @@ class UsedFlags {
     bool failed() const noexcept {
         return failed_;
     }
-    bool& operator[](Py_ssize_t index) noexcept {
+    bool at(Py_ssize_t index) const noexcept {
         return flags_[index];
+    }
+    void set(Py_ssize_t index) noexcept {
+        flags_[index] = true;
     }
 
   private:
@@ -58,7 +61,7 @@ Py_ssize_t find_keyword(PyObject* kwnames, Py_ssize_t count, const char* wanted)
 }
 
 /// Collects the keywords that no row took into a new dict, or refuses them.
-bool finish_keywords(PyObject* const* values, PyObject* kwnames, Py_ssize_t count, UsedFlags& used, Ref* collected) {
+bool finish_keywords(PyObject* const* values, PyObject* kwnames, Py_ssize_t count, const UsedFlags& used, Ref* collected) {
     if (collected != nullptr) {
         *collected = Ref::steal(xpy.PyDict_New());
         if (!*collected) {
@@ -66,7 +69,7 @@ bool finish_keywords(PyObject* const* values, PyObject* kwnames, Py_ssize_t coun
         }
     }
     for (Py_ssize_t index = 0; index < count; ++index) {
-        if (used[index]) {
+        if (used.at(index)) {
             continue;
         }
         if (collected == nullptr) {
@@ -104,7 +107,7 @@ bool XPy_GetFastArgs(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames,
                 return false;
             }
             value = args[nargs + keyword];
-            used[keyword] = true;
+            used.set(keyword);
         }
         if (value == nullptr) {
             if (!row->has_default) {
