@@ -117,6 +117,22 @@ def run_inside(interpreter, script, *words, package=PACKAGE, prefix=(), settings
     return json.loads(result.stdout)
 
 
+def callgrind_command(folder):
+    """How a program is started under callgrind: it counts when it is told to, and dumps into a folder."""
+    if shutil.which("valgrind") is None:
+        raise Failure("valgrind is missing (Debian package: valgrind)")
+    return ["valgrind", "--tool=callgrind", "--quiet", "--trace-children=yes", "--instr-atstart=no",
+            "--dump-line=yes", "--callgrind-out-file={}/dump".format(folder)]
+
+
+def save(name, content):
+    """Write a result into build/bench: text as it is, anything else as JSON."""
+    RESULTS.mkdir(parents=True, exist_ok=True)
+    if not isinstance(content, str):
+        content = json.dumps(content, indent=1) + "\n"
+    (RESULTS / name).write_text(content, "utf-8")
+
+
 def format_table(header, rows):
     """A table for the terminal that is one for Markdown as well; all columns but the first are numbers."""
     cells = [[str(cell) for cell in row] for row in [header, *rows]]

@@ -10,7 +10,6 @@ import argparse
 import collections
 import json
 import pathlib
-import shutil
 import tempfile
 
 import callgrind_dump
@@ -21,13 +20,6 @@ QUICK_WORKLOADS = ("LINE", "PY_START")
 CALLBACKS = ("nothing", "floor", "floor as a method", "by hand", "Callback")
 
 BUDGET_FILE = common.BENCH / "budget.json"
-
-
-def valgrind_command(folder):
-    if shutil.which("valgrind") is None:
-        raise common.Failure("valgrind is missing (Debian package: valgrind)")
-    return ["valgrind", "--tool=callgrind", "--quiet", "--trace-children=yes", "--instr-atstart=no",
-            "--dump-line=yes", "--callgrind-out-file={}/dump".format(folder)]
 
 
 def average(dumps, index):
@@ -44,7 +36,7 @@ def measure(interpreter, workload_names, callback_names, package):
     with tempfile.TemporaryDirectory() as folder:
         dumps = common.run_inside(
             interpreter, "count_instructions.py", ",".join(workload_names), ",".join(callback_names),
-            package=package, prefix=valgrind_command(folder))
+            package=package, prefix=common.callgrind_command(folder))
         reader = callgrind_dump.DumpReader()
         for number, dump in enumerate(dumps, 1):
             dump["counts"] = reader.read(pathlib.Path(folder, "dump.{}".format(number)))
@@ -157,8 +149,7 @@ def main():
         summary[label] = {
             workload_name: {name: round(cost(results, name), 2) for name in CALLBACKS if name != "nothing"}
             for workload_name, results in measured.items()}
-    common.RESULTS.mkdir(parents=True, exist_ok=True)
-    (common.RESULTS / "instructions.json").write_text(json.dumps(summary, indent=2) + "\n")
+    common.save("instructions.json", summary)
     return 0 if is_kept else 1
 
 

@@ -47,19 +47,19 @@ def python_floor(*args):
     return None
 
 
-def make_python_filter(code, linenos):
-    """A filter of LINE events written in Python, for a debugger that keeps a record for each code object."""
+def make_python_filter(linenos_of_file):
+    """A filter of LINE events written in Python, from a dictionary: file name -> line numbers of breakpoints."""
     own_pid = os.getpid()
-    is_anything_stepping = False
-    records = {code: types.SimpleNamespace(is_internal=False, enabled_linenos=set(linenos))}
+    internal_files = {__file__}
+    stepping_threads = set()
 
     def python_filter(code, lineno):
         if os.getpid() != own_pid:
             return None
-        record = records[code]
-        if record.is_internal:
+        file = code.co_filename
+        if file in internal_files:
             return sys.monitoring.DISABLE
-        if not is_anything_stepping and lineno not in record.enabled_linenos:
+        if not stepping_threads and lineno not in linenos_of_file.get(file, ()):
             return None
         raise RuntimeError("the event is none that is skipped")
 

@@ -21,8 +21,13 @@ def prepare():
     xo.CPerThread.GetPerThread().GetDebugPolicy()
 
 
-def make(code, event, linenos, second_stage=second_stage_never, can_return_disable=False):
+def make(code, event, linenos, second_stage=second_stage_never, can_return_disable=False, is_internal=False):
     """A CInitialCallback for an event, and the record of a code object with breakpoints in these lines."""
-    record = xo.CPerCodeObject.GetPerCodeObject(code)
+    if is_internal:
+        xo.SetInternalPathnameDict({code.co_filename: True})
+    record = xo.CPerCodeObject.GetPerCodeObject(code, True, sys._getframe())
+    xo.SetInternalPathnameDict({})
+    if record.fIsInternal != is_internal:
+        raise RuntimeError("{!r} is not what it should be".format(record))
     record.fEnabledBpLinenos = set(linenos)
     return xo.CInitialCallback(event, second_stage, can_return_disable)

@@ -2,12 +2,13 @@
 
 All roads take turns in one process, over and over. A sample of a road is set against the sample that its floor gave
 in the same round, so that a machine which gets slower or faster for a while does so for both. The time is that of the
-thread, which does not run on while something else has the processor.
+thread, which does not run on while something else has the processor; where threads are started, that of the process.
 
-usage: time_events.py ROUNDS MILLISECONDS [foreign]
+usage: time_events.py ROUNDS MILLISECONDS
 
 Prints, as JSON, one entry for each road: nanoseconds of an event, less what the same code takes without events, and
-how many times those of the floor that is. What happens in a forked child is measured in a forked child.
+how many times those of the floor that is. Where there is no floor, it is all that the code takes. What happens in a
+forked child is measured in a forked child.
 """
 
 import gc
@@ -18,6 +19,7 @@ import statistics
 import sys
 import threading
 import time
+import warnings
 
 import contestants
 import module_callback
@@ -34,7 +36,7 @@ NO_LINES = frozenset({workloads.NO_LINE})
 class Road:
     """Something that is timed. `run(size)` does it `size * per_size` times; `before` and `after` are not timed."""
 
-    def __init__(self, group, title, run, per_size, size=None, before=None, after=None):
+    def __init__(self, group, title, run, per_size, size=None, before=None, after=None, clock=time.thread_time_ns):
         self.group = group
         self.title = title
         self.run = run
@@ -42,14 +44,15 @@ class Road:
         self.size = size
         self.before = before or (lambda: None)
         self.after = after or (lambda: None)
+        self.clock = clock
         self.samples = []
 
     def sample(self):
         """Nanoseconds of one time."""
         self.before()
-        started = time.thread_time_ns()
+        started = self.clock()
         self.run(self.size)
-        elapsed = time.thread_time_ns() - started
+        elapsed = self.clock() - started
         self.after()
         return elapsed / (self.size * self.per_size)
 
@@ -96,11 +99,7 @@ def module_holding(workload):
 
 
 def internal(workload):
-    xo.SetInternalPathnameDict({workload.code.co_filename: True})
-    try:
-        return module_callback.make(workload.code, workload.event, NO_LINES).Callback
-    finally:
-        xo.SetInternalPathnameDict({})
+    return module_callback.make(workload.code, workload.event, NO_LINES, is_internal=True).Callback
 
 
 def calling(second_stage, linenos):
@@ -132,7 +131,7 @@ def line_roads():
     return [
         *floors("LINE"),
         event_road("LINE", "filter written in Python",
-                   lambda workload: contestants.make_python_filter(workload.code, NO_LINES)),
+                   lambda workload: contestants.make_python_filter({workload.code.co_filename: NO_LINES})),
         event_road("LINE", "Callback: no breakpoint in the line", module),
         event_road("LINE", "Callback: internal code, None", internal),
         event_road("LINE", "Callback: some thread is to be held", module_holding),
@@ -152,12 +151,12 @@ def other_roads(kind):
 
 def disabling_road(title, make_callback):
     """A road through lines whose events are answered with DISABLE: each comes only once."""
-    count = 1000
+    count = 100
     source = "def run(is_for_real):\n if is_for_real:\n" + "  a = None\n" * count
     namespace = {}
     exec(compile(source, "/srv/app/disabling.py", "exec"), namespace)
     run = namespace["run"]
-    workload = workloads.Monitored("DISABLE", events.LINE, run.__code__)
+    workload = workloads.Monitored(events.LINE, run.__code__)
     callback = make_callback(workload)
     if callback is not None:
         monitoring.set_local_events(TOOL, workload.code, workload.event)
@@ -172,12 +171,8 @@ def disabling_road(title, make_callback):
 
 def disabling_roads():
     def internal_code(workload):
-        xo.SetInternalPathnameDict({workload.code.co_filename: True})
-        try:
-            first_stage = module_callback.make(workload.code, workload.event, NO_LINES, can_return_disable=True)
-        finally:
-            xo.SetInternalPathnameDict({})
-        return first_stage.Callback
+        return module_callback.make(workload.code, workload.event, NO_LINES, can_return_disable=True,
+                                    is_internal=True).Callback
 
     return [
         disabling_road("no events", lambda workload: None),
@@ -189,31 +184,33 @@ def disabling_roads():
 # Calls
 
 
-def call_road(group, title, function, *args):
+_CALLS = "def run(size):\n for _ in repeat(None, size):\n" + "  {}\n" * 4
+
+
+def call_road(group, title, expression, **names):
     """A road of calls from Python code; the floor of a group is a call with as many arguments."""
-
-    def run(size):
-        for _ in itertools.repeat(None, size):
-            function(*args)
-            function(*args)
-            function(*args)
-            function(*args)
-
-    return Road(group, title, run, 4)
+    parameters = "".join(", {0}={0}".format(name) for name in names)  # local variables, quick to reach
+    source = _CALLS.format(*[expression] * 4).replace("size)", "size" + parameters + ")", 1)
+    namespace = {"repeat": itertools.repeat, **names}
+    exec(source, namespace)
+    return Road(group, title, namespace["run"], 4)
 
 
 def call_roads():
     name = os.path.abspath(__file__)
     xo.get_canonical_pathname(name)
+    one, other = "call", "call of one argument"
     return [
-        call_road("call", "no events", _nothing_called),
-        call_road("call", "floor", contestants.floor),
-        call_road("call", "CPerThread.GetPerThread()", xo.CPerThread.GetPerThread),
-        call_road("call of one argument", "floor", contestants.floor, name),
-        call_road("call of one argument", "GetPathnameKind(name)", xo.GetPathnameKind, name),
-        call_road("call of one argument", "Lookup(name), which is known", xo._gCanonicalPathnameMgr.Lookup, name),
-        call_road("call of one argument", "GetPerCodeObject(code), which is known",
-                  xo.CPerCodeObject.GetPerCodeObject, call_roads.__code__),
+        call_road(one, "no events", "pass"),
+        call_road(one, "floor", "call()", call=contestants.floor),
+        call_road(one, "CPerThread.GetPerThread()", "call()", call=xo.CPerThread.GetPerThread),
+        call_road(other, "no events", "pass"),
+        call_road(other, "floor", "call(name)", call=contestants.floor, name=name),
+        call_road(other, "GetPathnameKind(name)", "call(name)", call=xo.GetPathnameKind, name=name),
+        call_road(other, "Lookup(name) of a known name", "call(name)", call=xo._gCanonicalPathnameMgr.Lookup,
+                  name=name),
+        call_road(other, "GetPerCodeObject(code) of a known code object", "call(code)",
+                  call=xo.CPerCodeObject.GetPerCodeObject, code=call_roads.__code__),
     ]
 
 
@@ -260,7 +257,7 @@ def new_thread_road(title, callback):
             thread.start()
             thread.join()
 
-    return Road("new thread", title, run, count, size=1,
+    return Road("new thread", title, run, count, size=1, clock=time.process_time_ns,
                 before=lambda: monitoring.register_callback(TOOL, events.PY_START, callback))
 
 
@@ -268,10 +265,8 @@ def rare_roads():
     start = xo.CInitialCallback(events.PY_START, contestants.floor, False).Callback
     return [
         new_code_road("no events", None),
-        new_code_road("floor", contestants.floor),
         new_code_road("Callback: makes the record, calls a C function that does nothing", start),
         new_thread_road("no events", None),
-        new_thread_road("floor", contestants.floor),
         new_thread_road("Callback: makes the record, takes it away again", start),
     ]
 
@@ -288,7 +283,6 @@ def foreign_roads():
 
 def take_samples(roads, rounds, milliseconds):
     for road in roads:
-        road.sample()
         road.choose_size(milliseconds)
     for _ in range(rounds):
         gc.collect(0)
@@ -303,28 +297,29 @@ def summarise(roads):
         groups.setdefault(road.group, {})[road.title] = road
     entries = []
     for group, members in groups.items():
-        floor = members["floor"]
-        idle = members.get("no events")
-        idle_samples = idle.samples if idle else [0.0] * len(floor.samples)
         for road in members.values():
-            if road is idle:
-                continue
-            costs = [sample - idle_sample for sample, idle_sample in zip(road.samples, idle_samples)]
-            floor_costs = [sample - idle_sample for sample, idle_sample in zip(floor.samples, idle_samples)]
-            ratios = [cost / floor_cost for cost, floor_cost in zip(costs, floor_costs) if floor_cost > 0]
-            entries.append({
-                "group": group,
-                "title": road.title,
-                "nanoseconds": round(statistics.median(costs), 2),
-                "ratio": round(statistics.median(ratios), 3) if ratios else None,
-            })
+            if "floor" in members:
+                floor = less(members["floor"].samples, members["no events"].samples)
+                costs = less(road.samples, members["no events"].samples)
+                ratio = statistics.median(cost / floor_cost for cost, floor_cost in zip(costs, floor))
+            else:
+                costs, ratio = road.samples, None
+            if ratio is None or road is not members["no events"]:
+                entries.append({"group": group, "title": road.title, "ratio": ratio,
+                                "nanoseconds": statistics.median(costs)})
     return entries
+
+
+def less(samples, idle_samples):
+    return [sample - idle for sample, idle in zip(samples, idle_samples)]
 
 
 def measure_in_child(make_roads, rounds, milliseconds):
     """What `make_roads` has to offer, measured in a forked child."""
     receiving, sending = os.pipe()
-    child = os.fork()
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", DeprecationWarning)  # all threads that there were have ended
+        child = os.fork()
     if child == 0:
         status = 1
         try:

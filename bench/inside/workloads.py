@@ -21,16 +21,23 @@ _YIELDS = (
 )
 
 
-class Workload:
+class Monitored:
+    """A code object, and the kind of events that it is monitored for."""
+
+    def __init__(self, event, code):
+        self.event = event
+        self.code = code
+
+
+class Workload(Monitored):
     """Code that raises events of one kind."""
 
     def __init__(self, name, event, source, monitored, per_round, first_line=1):
         self.name = name
-        self.event = event
         self.per_round = per_round
         namespace = {}
         exec(compile("\n" * (first_line - 1) + source, "/srv/app/%s.py" % name.lower(), "exec"), namespace)
-        self.code = namespace[monitored].__code__
+        super().__init__(event, namespace[monitored].__code__)
         self._run = namespace["run"]
 
     def run(self, rounds):

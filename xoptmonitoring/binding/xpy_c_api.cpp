@@ -20,6 +20,8 @@
 XPy_C_API_Data global_XPy_C_API_Data;
 extern "C" __attribute__((alias("global_XPy_C_API_Data"), visibility("hidden"))) XPy_C_API_Data xpy;
 
+bool has_plain_refcounts = false;
+
 namespace {
 
 /// Set once the fork handler is registered; it stays registered for the life of the process.
@@ -358,6 +360,7 @@ int XPy_InitializeWithDllPtr(void* dll_ptr) {
     }
     xpy.refcnt_is_32bit = xpy.major_version == 3 && xpy.minor_version > 11 ? 1 : 0;
     xpy.can_update_refcount_directly = xpy.pydebug_build == 0 && xpy.pyobject_offsets.refcnt != -1 ? 1 : 0;
+    has_plain_refcounts = xpy.can_update_refcount_directly != 0 && xpy.refcnt_is_32bit != 0;
     xpy.initialized = 1;
     return 0;
 }

@@ -7,6 +7,10 @@
 
 #include "xoptmonitoring/binding/xpy_c_api.h"
 
+/// Whether counts are plain 32-bit words under a global lock (3.12 and later): can_update_refcount_directly and
+/// refcnt_is_32bit in one word. Set when binding has succeeded.
+extern bool has_plain_refcounts;
+
 /// Address of the field `offset` bytes into `object`.
 template <class Field>
 inline Field* XPy_GetFieldAddress(void* object, std::int64_t offset) {

@@ -1,11 +1,11 @@
 // CInitialCallback: the first stage of a monitored event, from the interpreter's call to its answer.
 //
-// The interpreter calls `instance.Callback`, a built-in bound to the instance, for every monitored event of every
-// thread. `bound_callback` is that entry: it finds the module's state in the class and goes to `Callback`, which asks
-// `_SkipDetermination` and calls the tracer's second callback only where that says so. Nothing on the road to a
+// The interpreter calls `instance.Callback` (bound_callback.cpp) for every monitored event of every thread. `Callback`
+// asks `_SkipDetermination` and calls the tracer's second callback only where that says so. Nothing on the road to a
 // skipped event allocates, looks anything up by name or calls Python code.
 #include "xoptmonitoring/callback/initial_callback.h"
 
+#include "xoptmonitoring/callback/bound_callback.h"
 #include "xoptmonitoring/callback/internal_frames.h"
 #include "xoptmonitoring/callback/skip_determination.h"
 #include "xoptmonitoring/records/code_extra.h"
@@ -75,76 +75,14 @@ XPY_COLD Ref log_exception(ModuleState& m) {
     return new_none();
 }
 
-/// The answer to an event that is of interest, to the tracer or to its log; `self` is held.
-XPY_COLD PyObject* finish(ModuleState& m, const Event& event, Answer decision, PyObject* const* args,
-                          Py_ssize_t nargs) {
-    Ref answer;
-    if (decision == Answer::Disable) {
-        answer = load_global(m, m.globals.kSysMonitoringDisable);
-    } else if (decision == Answer::Call) {
-        answer = call_second(m, event.self, args, nargs);
-    }
-    return answer ? answer.release() : log_exception(m).release();
-}
-
-/// One event. `args` are the interpreter's: the code object, then what the event brings.
-PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
-    Data& callback = data(self);
-    const bool is_line = __atomic_load_n(&callback._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
-    Event event = {self, callback, args[0], is_line && nargs > 1 ? args[1] : none()};
-    if (is_logging_first_stage(m)) {
-        event.hold();
-        if (!log_called(m, self, args[0])) {
-            return log_exception(m).release();
-        }
-    }
-    const Answer decision = _SkipDetermination(m, event);
-    if (XPY_LIKELY(decision == Answer::Skip)) {
-        return new_none().release();
-    }
-    event.hold();
-    return finish(m, event, decision, args, nargs);
-}
-
-/// Arguments of a call that Python code makes: at least the code object, and no keywords.
-bool check_call(Py_ssize_t nargs, PyObject* kwnames) {
-    if (nargs == 0) {
-        xpy.PyErr_SetString(xpy.PyExc_TypeError, "argument is missing");
-        return false;
-    }
-    if (kwnames != nullptr && xpy.PyTuple_Size(kwnames) != 0) {
-        xpy.PyErr_SetString(xpy.PyExc_TypeError, "Excess keyword arguments passed to function");
-        return false;
-    }
-    return true;
-}
-
 PyObject* call_callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return check_call(nargs, kwnames) ? Callback(m, self, args, nargs) : nullptr;
-}
-
-/// The interpreter's entry: `instance.Callback` is a built-in that holds the instance and its class.
-PyObject* bound_callback(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, Py_ssize_t nargs,
-                         PyObject* kwnames) {
-    ModuleState* m = class_data_as<ClassData>(defining_class).record.m;
-    if (XPY_UNLIKELY(m == nullptr)) {
-        raise_unset();
-        return nullptr;
-    }
-    if (XPY_UNLIKELY(nargs == 0 || kwnames != nullptr) && !check_call(nargs, kwnames)) {
-        return nullptr;
-    }
-    return Callback(*m, self, args, nargs);
+    return check_callback_arguments(nargs, kwnames) ? Callback(m, self, args, nargs) : nullptr;
 }
 
 #define CALLBACK_DOC                                                                                              \
     "The sys.monitoring callback: decides whether the event is of interest and calls the second callback with\n" \
     "`code_object` and the event's other arguments where it is. Returns kSysMonitoringDisable, None, or what the\n" \
     "second callback returns. An exception on the way goes to the debugger's log, and None is returned."
-
-PyMethodDef kBoundCallback = {"Callback", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(bound_callback)),
-                              METH_METHOD | METH_FASTCALL | METH_KEYWORDS,
-                              "Callback($self, code_object, /, *args)\n--\n\n" CALLBACK_DOC};
 
 /// Record found in the code object's slot or the weak-reference registry, or None.
 Ref existing_record(ModuleState& m, PyObject* code_object) {
@@ -220,10 +158,10 @@ constexpr FunctionDecl kMethods[] = {
          return new_bool(_IsInitialCallbackLogging(m));
      },
      "Returns whether a diagnostic file is set, a bool; the mask is looked at for each line.", Binding::Instance},
-    {"Callback", kCallbackParams, nullptr, CALLBACK_DOC, Binding::Instance, call_callback, &kBoundCallback},
+    {"Callback", kCallbackParams, nullptr, CALLBACK_DOC, Binding::Instance, call_callback, bind_callback},
     {"_SkipDetermination", kDeterminationParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
-         Event event = {self, data(self), args[0].object, args[1].object};
+         HeldEvent event({self, data(self), args[0].object, args[1].object});
          return answer_object(m, _SkipDetermination(m, event));
      },
      "Decides an event of `code_object`; `lineno_obj` is the line of a LINE event, else None. Returns False (call the\n"
@@ -234,9 +172,10 @@ constexpr FunctionDecl kMethods[] = {
          if (!check_per_code_object(m, args[1].object) || per_thread::checked_data(m, args[2].object) == nullptr) {
              return Ref();
          }
-         Event event = {self, data(self), args[0].object, args[3].object, args[1].object, args[2].object};
-         const int skip = _SkipSecondCallback(m, event);
-         return skip < 0 ? Ref() : new_bool(skip != 0);
+         HeldEvent event(
+             {self, data(self), args[0].object, args[3].object, args[1].object, args[2].object});
+         const Answer answer = _SkipSecondCallback(m, event);
+         return answer == Answer::Failed ? Ref() : new_bool(answer == Answer::Skip);
      },
      "Returns whether the second callback can be skipped, a bool, from the records `per_code_object` and `per_thread`\n"
      "and the line `lineno_obj`; `code_object` is not looked at.",
@@ -265,7 +204,44 @@ constexpr ClassDecl kClass = {
     "second callback only for events of interest.",
     sizeof(Data), kFields, sizeof(ClassData), kClassFields, kMethods};
 
+/// The answer to an event that the fast road could not answer, with everything held that Python code could take away.
+XPY_COLD PyObject* answer_carefully(ModuleState& m, PyObject* self, const Event& seen, PyObject* const* args,
+                                    Py_ssize_t nargs) {
+    HeldEvent event(seen);
+    if (is_logging_first_stage(m) && !log_called(m, self, args[0])) {
+        return log_exception(m).release();
+    }
+    Ref answer;
+    switch (_SkipDetermination(m, event)) {
+        case Answer::Skip:
+            return new_none().release();
+        case Answer::Disable:
+            answer = load_global(m, m.globals.kSysMonitoringDisable);
+            break;
+        case Answer::Call:
+            answer = call_second(m, self, args, nargs);
+            break;
+        default:
+            break;
+    }
+    return answer ? answer.release() : log_exception(m).release();
+}
+
 }  // namespace
+
+PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
+    Data& callback = data(self);
+    const bool is_line = __atomic_load_n(&callback._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
+    const Event event = {self, callback, args[0], is_line && nargs > 1 ? args[1] : none()};
+    const Answer answer = quick_answer(m, event);
+    if (XPY_LIKELY(answer == Answer::Skip)) {
+        return none();  // immortal wherever monitoring exists, so a reference costs nothing
+    }
+    if (answer == Answer::Disable && m.globals.kSysMonitoringDisable != nullptr) {
+        return Ref::share(m.globals.kSysMonitoringDisable).release();
+    }
+    return answer_carefully(m, self, event, args, nargs);
+}
 
 Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object) {
     Ref record = existing_record(m, code_object);
@@ -297,6 +273,9 @@ Ref __GetPerThreadCalledFromCallback(ModuleState& m) {
 
 Ref create(ModuleState& m) {
     Ref cls = create_class(m, blueprint<kClass>(), m.types.CInitialCallback_class);
+    if (cls && !create_bound_callback_type(m)) {
+        return {};
+    }
     if (cls) {
         set_class_word(as_type(cls.get()), kClassFields[0], 0);
     }

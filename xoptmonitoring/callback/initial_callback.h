@@ -30,6 +30,10 @@ inline InitialCallbackData& data(PyObject* self) {
     return instance_data_as<InitialCallbackData>(self);
 }
 
+/// One event, from the interpreter's arguments (at least the code object) to the answer: a new reference. Null with an
+/// exception set only where the debugger's log itself failed.
+PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs);
+
 /// The record of `code_object`, made where it is missing. Empty with an exception set.
 Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object);
 

@@ -1,25 +1,17 @@
 // The first stage's decision.
 //
-// The order of the tests is the order of this file: the process, the code object's record, whose code it is, the line
+// The order of the tests is the order of `decide`: the process, the code object's record, whose code it is, the line
 // filter; most events end there, without a look at the thread. Then the thread's record, its policy, a wait where the
 // tracer holds the thread, and the last filter.
+//
+// One text, two roads. The careful road can take every step: it makes records, runs Python code, waits, and holds
+// what it needs meanwhile. The fast road borrows everything, which is safe as long as native code runs alone under the
+// global lock, and gives up with "undecided" where a step would do more than read; the careful road then starts anew.
 #include "xoptmonitoring/callback/skip_determination.h"
 
 #include "xoptmonitoring/records/per_code_object.h"
 #include "xoptmonitoring/records/per_thread.h"
 #include "xoptmonitoring/records/tss_cache.h"
-
-void Event::hold() {
-    if (!held_self) {
-        held_self = Ref::share(self);
-    }
-    if (!held_per_code_object) {
-        held_per_code_object = Ref::share(per_code_object);
-    }
-    if (!held_per_thread) {
-        held_per_thread = Ref::share(per_thread);
-    }
-}
 
 namespace initial_callback {
 namespace {
@@ -29,103 +21,22 @@ Word load_word(const Word& word) {
     return __atomic_load_n(&word, __ATOMIC_RELAXED);
 }
 
-/// Truth of an object field: 1, 0, or -1 with an exception set. The usual values need no call.
-int field_truth(Event& event, PyObject* owner, PyObject* const& slot) {
-    PyObject* value = load_word(slot);
-    if (XPY_LIKELY(value == xpy._Py_FalseStruct)) {
-        return 0;
+/// What a yes-or-no step found out.
+enum class Step { No, Yes, Stop };
+
+Step step_of(int truth) {
+    if (truth < 0) {
+        return Step::Stop;
     }
-    if (value == xpy._Py_TrueStruct) {
-        return 1;
-    }
-    event.hold();
-    const Ref held_value = load_field(owner, slot);
-    return held_value ? xpy.PyObject_IsTrue(held_value.get()) : -1;
+    return truth != 0 ? Step::Yes : Step::No;
 }
+
+/// What a code object's breakpoints say about a line, from one look at the set.
+enum class Line { Unknown, NotEnabled, Enabled, Stop };
 
 /// Writes a fixed line of the first stage.
-XPY_COLD bool log_fixed(ModuleState& m, Event& event, PyObject* text) {
-    event.hold();
+XPY_COLD bool log_fixed(ModuleState& m, PyObject* text) {
     return write_log_line(m, Ref::share(text));
-}
-
-/// Whether the line is one of those with enabled breakpoints: 1, 0, or -1 with an exception set.
-int is_enabled_line(PyObject* enabled_bp_linenos, PyObject* lineno_obj) {
-    if (XPY_LIKELY(type_of(enabled_bp_linenos) == xpy.PySet_Type_ptr)) {
-        return xpy.PySet_Contains(enabled_bp_linenos, lineno_obj);
-    }
-    return contains(enabled_bp_linenos, lineno_obj);
-}
-
-/// The answer for the debugger's own code.
-Answer answer_internal(ModuleState& m, Event& event) {
-    const bool disable = load_word(event.callback._fCanReturnDisable) != 0;
-    if (is_logging_first_stage(m) && !log_fixed(m, event, disable ? m.literals.internal_returning_disable
-                                                                  : m.literals.internal_returning_none)) {
-        return Answer::Failed;
-    }
-    return disable ? Answer::Disable : Answer::Skip;
-}
-
-/// Whether a LINE event may be filtered by the code object's breakpoints alone.
-bool is_line_filter_on(const ModuleState& m, const InitialCallbackData& callback,
-                       const PerCodeObjectData& per_code_object) {
-    return load_word(callback._fEventId) == m.globals.kPyLineEventId &&
-           load_word(callback.fAnySuspendThread) == 0 &&
-           load_word(callback.fSteppingEventsNeededEveryThread) == 0 &&
-           load_word(per_code_object.fSteppingEventsNeededCount) == 0;
-}
-
-/// Finds the code object's record. False with an exception set.
-bool find_per_code_object(ModuleState& m, Event& event) {
-    event.per_code_object = per_code_object::peek_settled(m, event.code_object);
-    if (XPY_UNLIKELY(event.per_code_object == nullptr)) {
-        event.hold();
-        event.held_per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
-        event.per_code_object = event.held_per_code_object.get();
-    }
-    return event.per_code_object != nullptr;
-}
-
-/// Finds the calling thread's record. False with an exception set.
-bool find_per_thread(ModuleState& m, Event& event) {
-    event.per_thread = tss_cache::peek(m);
-    if (XPY_UNLIKELY(event.per_thread == nullptr || !per_thread::is_named(m, event.per_thread))) {
-        event.hold();
-        event.held_per_thread = __GetPerThreadCalledFromCallback(m);
-        event.per_thread = event.held_per_thread.get();
-    }
-    return event.per_thread != nullptr;
-}
-
-/// The thread's part of the decision.
-Answer decide_by_thread(ModuleState& m, Event& event) {
-    if (XPY_UNLIKELY(!find_per_thread(m, event))) {
-        return Answer::Failed;
-    }
-    if (load_word(per_thread::data(event.per_thread).fDebugPolicy) == 0) {
-        if (is_logging_first_stage(m) && !log_fixed(m, event, m.literals.policy_returning_none)) {
-            return Answer::Failed;
-        }
-        return Answer::Skip;
-    }
-    if (load_word(event.callback.fAnySuspendThread) != 0) {
-        event.hold();
-        if (!_SuspendIfNeeded(m, event.per_thread)) {
-            return Answer::Failed;
-        }
-    }
-    const int skip = _SkipSecondCallback(m, event);
-    if (XPY_LIKELY(skip > 0)) {
-        return Answer::Skip;
-    }
-    return skip < 0 ? Answer::Failed : Answer::Call;
-}
-
-bool is_known_event(const ModuleGlobals& globals, Py_ssize_t event_id) {
-    return event_id == globals.kPyStartEventId || event_id == globals.kPyReturnEventId ||
-           event_id == globals.kPyResumeEventId || event_id == globals.kPyYieldEventId ||
-           event_id == globals.kPyLineEventId;
 }
 
 /// One line about a suspension: the thread's id between two fixed texts.
@@ -141,74 +52,224 @@ bool log_suspension(ModuleState& m, PyObject* per_thread, PyObject* text) {
         m, Ref::steal(xpy.PyUnicode_FromFormat("%U%S%U", text, thread_id.get(), m.literals.suspend_line_end)));
 }
 
-}  // namespace
+/// The road on which every step can be taken. Stopping means that an exception is set.
+struct CarefulRoad {
+    using RoadEvent = HeldEvent;
+    static constexpr Answer kStop = Answer::Failed;
 
-Answer _SkipDetermination(ModuleState& m, Event& event) {
-    if (XPY_UNLIKELY(xpy.cached_pid != load_global(m.globals._gThisProcessPid))) {
-        return Answer::Skip;  // a forked child that has not been told to go on
+    static bool find_per_code_object(ModuleState& m, HeldEvent& event) {
+        event.held_per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
+        event.per_code_object = event.held_per_code_object.get();
+        return event.per_code_object != nullptr;
     }
-    if (XPY_UNLIKELY(!find_per_code_object(m, event))) {
-        return Answer::Failed;
+
+    static bool find_per_thread(ModuleState& m, HeldEvent& event) {
+        event.held_per_thread = __GetPerThreadCalledFromCallback(m);
+        event.per_thread = event.held_per_thread.get();
+        return event.per_thread != nullptr;
     }
-    const PerCodeObjectData& record = per_code_object::data(event.per_code_object);
-    if (XPY_UNLIKELY(load_word(record.fIsInternal) != 0)) {
-        return answer_internal(m, event);
+
+    static bool log(ModuleState& m, PyObject* text) {
+        return !is_logging_first_stage(m) || log_fixed(m, text);
     }
-    if (is_line_filter_on(m, event.callback, record)) {
-        const Ref enabled_bp_linenos = load_field(event.per_code_object, record.fEnabledBpLinenos);
-        if (XPY_UNLIKELY(!enabled_bp_linenos)) {
-            return Answer::Failed;
+
+    static Ref breakpoints(const HeldEvent& event) {
+        return load_field(event.per_code_object, per_code_object::data(event.per_code_object).fEnabledBpLinenos);
+    }
+
+    static Step are_breakpoints_known(const HeldEvent& event) {
+        const Ref enabled_bp_linenos = breakpoints(event);
+        return enabled_bp_linenos ? step_of(enabled_bp_linenos.get() != none()) : Step::Stop;
+    }
+
+    static Line look_at_line(const HeldEvent& event) {
+        const Ref enabled_bp_linenos = breakpoints(event);
+        if (!enabled_bp_linenos) {
+            return Line::Stop;
         }
-        if (XPY_LIKELY(enabled_bp_linenos.get() != none())) {
-            if (XPY_UNLIKELY(type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr)) {
-                event.hold();
-            }
-            const int enabled = is_enabled_line(enabled_bp_linenos.get(), event.lineno_obj);
-            if (XPY_LIKELY(enabled == 0)) {
-                return Answer::Skip;
-            }
-            if (enabled < 0) {
-                return Answer::Failed;
-            }
+        if (enabled_bp_linenos.get() == none()) {
+            return Line::Unknown;
         }
+        const int enabled = contains(enabled_bp_linenos.get(), event.lineno_obj);
+        if (enabled < 0) {
+            return Line::Stop;
+        }
+        return enabled != 0 ? Line::Enabled : Line::NotEnabled;
     }
-    return decide_by_thread(m, event);
+
+    static Step is_true(PyObject* owner, PyObject* const& slot) {
+        const Ref value = load_field(owner, slot);
+        return value ? step_of(xpy.PyObject_IsTrue(value.get())) : Step::Stop;
+    }
+
+    static bool suspend(ModuleState& m, const HeldEvent& event) {
+        return _SuspendIfNeeded(m, event.per_thread);
+    }
+};
+
+/// The road of nearly every event, under a global lock. Stopping means that the careful road has to be taken.
+struct FastRoad {
+    using RoadEvent = Event;
+    static constexpr Answer kStop = Answer::Undecided;
+
+    static bool find_per_code_object(const ModuleState& m, Event& event) {
+        event.per_code_object = per_code_object::peek_settled(m, event.code_object);
+        return event.per_code_object != nullptr;
+    }
+
+    static bool find_per_thread(const ModuleState& m, Event& event) {
+        event.per_thread = tss_cache::peek(m);
+        return event.per_thread != nullptr && per_thread::is_named(m, event.per_thread);
+    }
+
+    static bool log(ModuleState& /*m*/, PyObject* /*text*/) {
+        return true;  // the road is closed while anything is logged
+    }
+
+    static Step are_breakpoints_known(const Event& event) {
+        PyObject* enabled_bp_linenos = per_code_object::data(event.per_code_object).fEnabledBpLinenos;
+        return enabled_bp_linenos != nullptr && enabled_bp_linenos != none() ? Step::Yes : Step::Stop;
+    }
+
+    /// Only "not enabled" is an answer here: a set may hold anything, and comparing with it may have run Python code,
+    /// after which nothing borrowed can be trusted any more.
+    static Line look_at_line(const Event& event) {
+        PyObject* enabled_bp_linenos = per_code_object::data(event.per_code_object).fEnabledBpLinenos;
+        if (XPY_UNLIKELY(enabled_bp_linenos == nullptr || type_of(enabled_bp_linenos) != xpy.PySet_Type_ptr)) {
+            return Line::Stop;
+        }
+        const Ref held = Ref::share_mortal(enabled_bp_linenos);
+        const int enabled = xpy.PySet_Contains(enabled_bp_linenos, event.lineno_obj);
+        if (XPY_LIKELY(enabled == 0)) {
+            return Line::NotEnabled;
+        }
+        if (enabled < 0) {
+            xpy.PyErr_Clear();  // the careful road meets the same error
+        }
+        return Line::Stop;
+    }
+
+    static Step is_true(PyObject* /*owner*/, PyObject* const& slot) {
+        return slot == xpy._Py_FalseStruct ? Step::No : Step::Stop;
+    }
+
+    static bool suspend(const ModuleState& /*m*/, const Event& event) {
+        return per_thread::data(event.per_thread).fCheckSuspendLock == xpy._Py_FalseStruct;
+    }
+};
+
+/// Whether a LINE event may be filtered by the code object's breakpoints alone.
+bool is_line_filter_on(const ModuleState& m, const InitialCallbackData& callback,
+                       const PerCodeObjectData& per_code_object) {
+    return load_word(callback._fEventId) == m.globals.kPyLineEventId &&
+           load_word(callback.fAnySuspendThread) == 0 &&
+           load_word(callback.fSteppingEventsNeededEveryThread) == 0 &&
+           load_word(per_code_object.fSteppingEventsNeededCount) == 0;
 }
 
-int _SkipSecondCallback(ModuleState& m, Event& event) {
+bool is_known_event(const ModuleGlobals& globals, Py_ssize_t event_id) {
+    return event_id == globals.kPyStartEventId || event_id == globals.kPyReturnEventId ||
+           event_id == globals.kPyResumeEventId || event_id == globals.kPyYieldEventId ||
+           event_id == globals.kPyLineEventId;
+}
+
+/// The answer for the debugger's own code.
+template <class Road>
+Answer answer_internal(ModuleState& m, const Event& event) {
+    const bool disable = load_word(event.callback._fCanReturnDisable) != 0;
+    if (!Road::log(m, disable ? m.literals.internal_returning_disable : m.literals.internal_returning_none)) {
+        return Road::kStop;
+    }
+    return disable ? Answer::Disable : Answer::Skip;
+}
+
+/// The last filter.
+template <class Road>
+Answer decide_second(ModuleState& m, typename Road::RoadEvent& event) {
     const Py_ssize_t event_id = load_word(event.callback._fEventId);
     if (!is_known_event(m.globals, event_id)) {
-        return 0;
+        return Answer::Call;
     }
-    const int is_stepping =
-        field_truth(event, event.per_thread, per_thread::data(event.per_thread).fSteppingEventsNeeded);
-    if (is_stepping != 0) {
-        return is_stepping < 0 ? -1 : 0;
+    const Step stepping =
+        Road::is_true(event.per_thread, per_thread::data(event.per_thread).fSteppingEventsNeeded);
+    if (stepping != Step::No) {
+        return stepping == Step::Yes ? Answer::Call : Road::kStop;
     }
     const PerCodeObjectData& record = per_code_object::data(event.per_code_object);
     if (load_word(record.fSteppingEventsNeededCount) != 0) {
-        return 0;
+        return Answer::Call;
+    }
+    if (event_id == m.globals.kPyLineEventId) {
+        const Line line = Road::look_at_line(event);
+        if (line == Line::Stop) {
+            return Road::kStop;
+        }
+        return line == Line::NotEnabled ? Answer::Skip : Answer::Call;
+    }
+    const Step known = Road::are_breakpoints_known(event);
+    if (XPY_UNLIKELY(known != Step::Yes)) {
+        // Not known yet, so the tracer has to see the event.
+        return known == Step::No ? Answer::Call : Road::kStop;
     }
     const bool returns = event_id == m.globals.kPyReturnEventId || event_id == m.globals.kPyYieldEventId;
-    if (event_id != m.globals.kPyLineEventId) {
-        PyObject* enabled_bp_linenos = load_word(record.fEnabledBpLinenos);
-        if (XPY_UNLIKELY(enabled_bp_linenos == nullptr)) {
-            raise_unset();
-            return -1;
+    return returns && load_word(record.fReturnEventsNeededCount) != 0 ? Answer::Call : Answer::Skip;
+}
+
+/// The thread's part of the decision.
+template <class Road>
+Answer decide_by_thread(ModuleState& m, typename Road::RoadEvent& event) {
+    if (XPY_UNLIKELY(!Road::find_per_thread(m, event))) {
+        return Road::kStop;
+    }
+    if (XPY_UNLIKELY(load_word(per_thread::data(event.per_thread).fDebugPolicy) == 0)) {
+        return Road::log(m, m.literals.policy_returning_none) ? Answer::Skip : Road::kStop;
+    }
+    if (XPY_UNLIKELY(load_word(event.callback.fAnySuspendThread) != 0) && !Road::suspend(m, event)) {
+        return Road::kStop;
+    }
+    return decide_second<Road>(m, event);
+}
+
+/// The whole decision.
+template <class Road>
+Answer decide(ModuleState& m, typename Road::RoadEvent& event) {
+    if (XPY_UNLIKELY(xpy.cached_pid != load_global(m.globals._gThisProcessPid))) {
+        return Answer::Skip;  // a forked child that has not been told to go on
+    }
+    if (XPY_UNLIKELY(!Road::find_per_code_object(m, event))) {
+        return Road::kStop;
+    }
+    const PerCodeObjectData& record = per_code_object::data(event.per_code_object);
+    if (XPY_UNLIKELY(load_word(record.fIsInternal) != 0)) {
+        return answer_internal<Road>(m, event);
+    }
+    if (is_line_filter_on(m, event.callback, record)) {
+        const Line line = Road::look_at_line(event);
+        if (XPY_LIKELY(line == Line::NotEnabled)) {
+            return Answer::Skip;
         }
-        // Not known yet, so the tracer has to see the event; or a return that is wanted.
-        return enabled_bp_linenos == none() || (returns && load_word(record.fReturnEventsNeededCount) != 0) ? 0 : 1;
+        if (line == Line::Stop) {
+            return Road::kStop;
+        }
     }
-    const Ref enabled_bp_linenos = load_field(event.per_code_object, record.fEnabledBpLinenos);
-    if (!enabled_bp_linenos) {
-        return -1;
+    return decide_by_thread<Road>(m, event);
+}
+
+}  // namespace
+
+Answer quick_answer(ModuleState& m, Event event) {
+    if (XPY_UNLIKELY(!has_plain_refcounts || _IsInitialCallbackLogging(m))) {
+        return Answer::Undecided;
     }
-    if (enabled_bp_linenos.get() == none()) {
-        return 0;
-    }
-    event.hold();
-    const int enabled = is_enabled_line(enabled_bp_linenos.get(), event.lineno_obj);
-    return enabled < 0 ? -1 : 1 - enabled;
+    return decide<FastRoad>(m, event);
+}
+
+Answer _SkipDetermination(ModuleState& m, HeldEvent& event) {
+    return decide<CarefulRoad>(m, event);
+}
+
+Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event) {
+    return decide_second<CarefulRoad>(m, event);
 }
 
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread) {

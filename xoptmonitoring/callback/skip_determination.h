@@ -6,38 +6,47 @@
 
 /// What the first stage answers.
 enum class Answer {
-    Failed,   ///< an exception is set
-    Call,     ///< call the second callback
-    Skip,     ///< None: keep the event enabled at this location
-    Disable,  ///< kSysMonitoringDisable: never report it at this location again
+    Undecided,  ///< the fast road ends here
+    Failed,     ///< an exception is set
+    Call,       ///< call the second callback
+    Skip,       ///< None: keep the event enabled at this location
+    Disable,    ///< kSysMonitoringDisable: never report it at this location again
 };
 
-/// One event on its way through the first stage.
-///
-/// The interpreter calls through borrowed references, and under a global lock the fast road borrows the records too:
-/// nothing can take any of them away until Python code runs or the thread waits. `hold` comes before every such step.
+/// One event on its way through the first stage. All is borrowed: the interpreter calls through borrowed references.
 struct Event {
     PyObject* self;                 ///< the CInitialCallback
     InitialCallbackData& callback;  ///< its fields
     PyObject* code_object;
-    PyObject* lineno_obj;            ///< the line of a LINE event, else None
+    PyObject* lineno_obj;  ///< the line of a LINE event, else None
     PyObject* per_code_object = nullptr;
     PyObject* per_thread = nullptr;
-    Ref held_self = {};
-    Ref held_per_code_object = {};
-    Ref held_per_thread = {};
+};
 
-    /// Makes sure of everything that the event still needs.
-    XPY_COLD void hold();
+/// An event that keeps alive what it needs, so that Python code may run in between.
+struct HeldEvent : Event {
+    explicit HeldEvent(const Event& seen)
+        : Event(seen),
+          held_self(Ref::share(self)),
+          held_per_code_object(Ref::share(per_code_object)),
+          held_per_thread(Ref::share(per_thread)) {}
+
+    Ref held_self;
+    Ref held_per_code_object;
+    Ref held_per_thread;
 };
 
 namespace initial_callback {
 
-/// Decides one event. After Answer::Call and Answer::Failed, `self` is held.
-Answer _SkipDetermination(ModuleState& m, Event& event);
+/// Decides one event.
+Answer _SkipDetermination(ModuleState& m, HeldEvent& event);
 
-/// The last filter, on stepping, breakpoints and wanted returns: 1 skip, 0 call, -1 with an exception set.
-int _SkipSecondCallback(ModuleState& m, Event& event);
+/// The last filter, on stepping, breakpoints and wanted returns: Skip, Call, or Failed with an exception set.
+Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event);
+
+/// The same decision as far as it can be had without Python code, references and locks: Skip, or Undecided where the
+/// event has to be looked at in full. Sets no exception.
+Answer quick_answer(ModuleState& m, Event event);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);

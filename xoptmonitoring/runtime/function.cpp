@@ -134,12 +134,12 @@ PyObject* bind_function(PyObject* callable, PyObject* object, PyObject* type) {
     if (decl.binding == Binding::Nothing || object == nullptr || object == none()) {
         return Ref::share(callable).release();
     }
-    if (decl.bound != nullptr) {
-        // The native entry point trusts its instance, so it is checked when it is bound.
+    if (decl.binder != nullptr && function.__m__ != nullptr) {
+        // What it makes trusts its instance, so that is checked here.
         if (!check_self(function, object)) {
             return nullptr;
         }
-        return xpy.PyCMethod_New(decl.bound, object, nullptr, as_type(function.__obj_class__));
+        return decl.binder(*function.__m__, callable, object, as_type(function.__obj_class__));
     }
     return xpy.PyMethod_New(callable, object);
 }

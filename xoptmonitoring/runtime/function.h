@@ -28,6 +28,10 @@ using FunctionBody = Ref (*)(ModuleState& m, PyObject* self, const Argument* arg
 using RawFunctionBody = PyObject* (*)(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs,
                                       PyObject* kwnames);
 
+/// Makes what binding a method to an instance hands out, where that is not a method object. `self` is an instance of
+/// `cls`, the class that the method belongs to. A new reference, or null with an exception set.
+using Binder = PyObject* (*)(ModuleState& m, PyObject* function, PyObject* self, PyTypeObject* cls);
+
 /// What reading a function as an attribute binds it to.
 enum class Binding {
     Nothing,   ///< a module function
@@ -42,7 +46,7 @@ struct FunctionDecl {
     const char* doc;
     Binding binding = Binding::Nothing;
     RawFunctionBody raw_body = nullptr;  ///< used instead of `params` and `body` where set
-    PyMethodDef* bound = nullptr;        ///< what binding to an instance hands out instead of a method object
+    Binder binder = nullptr;             ///< makes what binding hands out, instead of a method object
 };
 
 /// More parameters than any function of the module has.

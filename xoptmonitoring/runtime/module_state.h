@@ -38,6 +38,7 @@ struct InternalTypes {
     PyObject* managed_struct;
     PyObject* frame;
     PyObject* generator;
+    PyObject* bound_callback;
     // One metaclass per class: its instance, the class, carries the class-level record.
     PyObject* CPerFile_class;
     PyObject* CPerCodeObject_class;

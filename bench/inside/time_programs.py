@@ -1,0 +1,172 @@
+"""Time whole programs under debuggers with a breakpoint that is never hit, and what is done at one that is hit.
+
+Every run under a debugger is set against one under nothing just before it, in the same process. Both begin with a
+warm-up: what is measured is the steady state, after the interpreter has specialised the code, and after a debugger has
+seen what it needs to see once.
+
+usage: time_programs.py ROUNDS MILLISECONDS SECONDS_FOR_EACH
+
+Prints, as JSON, one entry for each program, debugger and place: how many times longer the program takes.
+"""
+
+import gc
+import json
+import sched
+import statistics
+import sys
+import time
+
+import debuggers
+import places
+import programs
+
+monitoring = sys.monitoring
+
+
+def time_units(program, units):
+    """Nanoseconds of one call of a program, out of so many."""
+    started = time.thread_time_ns()
+    for _ in range(units):
+        program()
+    return (time.thread_time_ns() - started) / units
+
+
+def sample(debugger, program, found, breakpoint, units, warm_up):
+    """Nanoseconds of one call of a program under a debugger."""
+    measured = []
+
+    def run():
+        time_units(program, warm_up)
+        measured.append(time_units(program, units))
+
+    debugger.call(run, found, breakpoint)
+    return measured[0]
+
+
+class Effort:
+    """How much is measured."""
+
+    def __init__(self, rounds, milliseconds, seconds):
+        self.rounds = int(rounds)
+        self.nanoseconds = float(milliseconds) * 1e6
+        self.seconds = float(seconds)
+
+
+def slowdown(debugger, program, found, breakpoint, effort):
+    """The median of how many times longer a program takes under a debugger than under nothing."""
+    deadline = time.monotonic() + effort.seconds
+    idle = sample(debuggers.NOTHING, program, found, breakpoint, 4, 4)
+    busy = sample(debugger, program, found, breakpoint, 1, 1)
+    idle_units = max(1, round(effort.nanoseconds / idle))
+    busy_units = max(1, min(idle_units, round(effort.nanoseconds / busy)))
+    ratios = [busy / idle]
+    for _ in range(effort.rounds):
+        if time.monotonic() > deadline:
+            break
+        gc.collect()
+        idle = sample(debuggers.NOTHING, program, found, breakpoint, idle_units, min(idle_units, 8))
+        ratios.append(sample(debugger, program, found, breakpoint, busy_units, min(busy_units, 8)) / idle)
+    return statistics.median(ratios[1:] or ratios)
+
+
+def never_hit(effort):
+    """The slowdown of every program by a breakpoint that is never hit."""
+    for name, program in programs.PROGRAMS.items():
+        found = places.find_places(program, sched.__file__)
+        spots = {
+            "in another file": found.in_another_file,
+            "in another function of the same file": found.in_the_same_file,
+            "in the hot function": found.in_the_hot_function,
+        }
+        for spot, breakpoint in spots.items():
+            contenders = [debuggers.OWN, *debuggers.standard_debuggers()]
+            if breakpoint is found.in_the_hot_function:
+                contenders.append(debuggers.LEAST)
+            for debugger in contenders:
+                yield {"program": name, "breakpoint": spot, "debugger": debugger.name,
+                       "hot function": found.hot_code.co_qualname,
+                       "slowdown": slowdown(debugger, program, found, breakpoint, effort)}
+
+
+def line_in(function, offset):
+    return places.Place(function.__code__.co_filename, function.__code__.co_firstlineno + offset)
+
+
+def timed_call(debugger, function, breakpoint, condition=None, on_hit=None):
+    """Nanoseconds of one call of a function under a debugger."""
+    measured = []
+
+    def run():
+        started = time.thread_time_ns()
+        function()
+        measured.append(time.thread_time_ns() - started)
+
+    options = {} if on_hit is None else {"on_hit": on_hit}
+    debugger.call(run, None, breakpoint, condition, **options)
+    return measured[0]
+
+
+def hits(debugger, condition, count):
+    """Nanoseconds of one breakpoint that is reached in a loop."""
+    seen = []
+
+    def on_hit(frame):
+        seen.append(frame.f_lineno)
+        return "continue"
+
+    breakpoint = line_in(programs.called_often, 1)
+    elapsed = timed_call(debugger, lambda: programs.call_often(count), breakpoint, condition, on_hit)
+    if len(seen) != (0 if condition else count):
+        raise RuntimeError("{} stopped {} times".format(debugger.name, len(seen)))
+    return elapsed / count
+
+
+def step(debugger, function, breakpoint, answers, stops, units):
+    """Nanoseconds of a function in which a step goes on while a program runs."""
+    seen = []
+
+    def on_hit(frame):
+        seen.append((frame.f_code.co_name, frame.f_lineno))
+        return answers[min(len(seen), len(answers)) - 1]
+
+    def program():
+        for _ in range(units):
+            programs.json_round_trip()
+
+    elapsed = timed_call(debugger, lambda: function(program), breakpoint, None, on_hit)
+    expected = [(code.co_name, code.co_firstlineno + offset) for code, offset in stops]
+    if seen != expected:
+        raise RuntimeError("{} stopped at {} and not at {}".format(debugger.name, seen, expected))
+    return elapsed
+
+
+def at_stops(effort):
+    """What stops and steps cost. A step is set against the same program under nothing."""
+    rounds = max(3, effort.rounds // 2)
+    callee, caller = programs.call_a_program.__code__, programs.call_the_caller.__code__
+    for debugger in (debuggers.OWN, *debuggers.standard_debuggers()):
+        for title, condition, count in (("stop at a breakpoint", None, 1000),
+                                        ("condition that is false", "number < 0", 10000)):
+            samples = [hits(debugger, condition, count) for _ in range(rounds)]
+            yield {"action": title, "debugger": debugger.name, "microseconds": statistics.median(samples) / 1000}
+        for title, function, answers, stops in (
+            ("step over a long call", programs.call_a_program, ("over", "continue"), ((callee, 1), (callee, 2))),
+            ("step out of a long call", programs.call_the_caller, ("out", "continue"), ((callee, 1), (caller, 2))),
+        ):
+            ratios = []
+            for _ in range(rounds):
+                breakpoint = line_in(programs.call_a_program, 1)
+                elapsed = step(debugger, function, breakpoint, answers, stops, 4)
+                ratios.append(elapsed / timed_call(debuggers.NOTHING, lambda: [programs.json_round_trip()
+                                                                              for _ in range(4)], None))
+            yield {"action": title, "debugger": debugger.name, "slowdown": statistics.median(ratios)}
+
+
+def main(*effort):
+    effort = Effort(*effort)
+    gc.disable()
+    json.dump({"never hit": list(never_hit(effort)), "at stops": list(at_stops(effort))}, sys.stdout)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])

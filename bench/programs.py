@@ -1,0 +1,109 @@
+#!/usr/bin/env python3
+"""How much slower whole programs are under debuggers, with a breakpoint that is never hit; and what stops cost.
+
+Writes build/bench/programs.json and programs.svg. With --instructions, the instructions of the programs are counted
+by callgrind, under nothing and under this project's tracer: the same each time, also on a busy machine.
+"""
+
+import argparse
+import pathlib
+import tempfile
+
+import callgrind_dump
+import common
+import svg
+
+QUICK = (3, 5, 1)  # rounds, milliseconds of a sample, and seconds for one debugger, program and breakpoint at most
+FULL = (15, 40, 15)
+
+PROGRAMS = ("JSON round trip", "text comparison", "parse and unparse", "numeric loop", "constraint solver")
+
+
+def print_table(entries, row_keys, value):
+    """A table of what was found: one column for each debugger."""
+    columns = list(dict.fromkeys(entry["debugger"] for entry in entries))
+    rows = {}
+    for entry in entries:
+        rows.setdefault(tuple(entry[key] for key in row_keys), {})[entry["debugger"]] = value(entry)
+    lines = [[", ".join(key), *(found.get(column, "") for column in columns)] for key, found in rows.items()]
+    print(common.format_table(["", *columns], lines), flush=True)
+
+
+def factor(number):
+    return "{:.2f}".format(number) if number < 10 else "{:.0f}".format(number)
+
+
+def action_value(entry):
+    if "slowdown" in entry:
+        return factor(entry["slowdown"]) + " times"
+    return "{:.2f} µs".format(entry["microseconds"])
+
+
+def draw(results):
+    """The chart: slowdowns by this project's tracer, for each program and interpreter."""
+    spots = ("in another file", "in another function of the same file", "in the hot function")
+    panels = []
+    for program in PROGRAMS:
+        groups = []
+        for label, found in results.items():
+            factors = {entry["breakpoint"]: entry["slowdown"] for entry in found["never hit"]
+                       if entry["program"] == program and entry["debugger"] == "this tracer"}
+            groups.append((label, [factors[spot] for spot in spots]))
+        panels.append((program, groups))
+    return svg.bar_chart("Programs under the tracer, with one breakpoint that is never hit", "times as long", spots,
+                         panels)
+
+
+def count(interpreter, package):
+    """Instructions of each program, and the factor by which the tracer raises them."""
+    with tempfile.TemporaryDirectory() as folder:
+        dumps = common.run_inside(interpreter, "count_programs.py", ",".join(PROGRAMS), package=package,
+                                  prefix=common.callgrind_command(folder))
+        reader = callgrind_dump.DumpReader()
+        for number, dump in enumerate(dumps, 1):
+            by_function, _ = reader.read(pathlib.Path(folder, "dump.{}".format(number)))
+            dump["instructions"] = sum(by_function.values())
+    counted = {}
+    for small, large in zip(dumps[::2], dumps[1::2]):
+        each = (large["instructions"] - small["instructions"]) / (large["units"] - small["units"])
+        counted.setdefault(small["program"], {})[small["breakpoint"]] = each
+    return counted
+
+
+def print_counts(counted):
+    spots = [spot for spot in next(iter(counted.values())) if spot != "nothing"]
+    rows = [[program, "{:.2f}".format(found["nothing"] / 1e6),
+             *("{:.4f}".format(found[spot] / found["nothing"]) for spot in spots)]
+            for program, found in counted.items()]
+    print(common.format_table(["times the instructions", "millions under nothing", *spots], rows), flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    common.add_interpreter_option(parser)
+    parser.add_argument("--quick", action="store_true", help="fewer and shorter rounds")
+    parser.add_argument("--instructions", action="store_true", help="count instructions instead")
+    arguments = parser.parse_args()
+    results = {}
+    for interpreter in common.chosen_interpreters(arguments):
+        label = interpreter["label"]
+        print("\nPython {}\n".format(label), flush=True)
+        if arguments.instructions:
+            results[label] = count(interpreter, arguments.package)
+            print_counts(results[label])
+            continue
+        found = common.run_inside(interpreter, "time_programs.py", *(QUICK if arguments.quick else FULL),
+                                  package=arguments.package)
+        print_table(found["never hit"], ("program", "breakpoint"), lambda entry: factor(entry["slowdown"]))
+        print()
+        print_table(found["at stops"], ("action",), action_value)
+        results[label] = found
+    if arguments.instructions:
+        common.save("program_instructions.json", results)
+    else:
+        common.save("programs.json", results)
+        common.save("programs.svg", draw(results))
+    return 0
+
+
+common.run_main(main)

@@ -1,0 +1,53 @@
+#!/usr/bin/env python3
+"""How skipped LINE events scale with threads, beside a callback that does nothing.
+
+Writes build/bench/threads.json.
+"""
+
+import argparse
+import os
+
+import common
+
+QUICK = (3, 5)  # rounds, and milliseconds of a sample in one thread
+FULL = (20, 20)
+
+
+def print_results(label, entries):
+    print("\nPython {}: millions of events a second in all threads together (times those of one thread),"
+          " and processor time of one event\n".format(label))
+    counts = sorted({entry["threads"] for entry in entries})
+    rows = {}
+    for entry in entries:
+        rows.setdefault((entry["code"], entry["callback"]), {})[entry["threads"]] = entry
+    lines = []
+    for (code, callback), found in rows.items():
+        alone = found[counts[0]]["events per second"]
+        speeds = ["{:.1f} ({:.2f})".format(found[count]["events per second"] / 1e6,
+                                           found[count]["events per second"] / alone) for count in counts]
+        works = ["{:.1f} ns".format(found[count]["nanoseconds of processor time"]) for count in counts]
+        lines.append(["{}, {}".format(callback, code), *speeds, *works])
+    header = ["code object", *("{} threads".format(count) for count in counts),
+              *("{} threads".format(count) for count in counts)]
+    print(common.format_table(header, lines), flush=True)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    common.add_interpreter_option(parser)
+    parser.add_argument("--quick", action="store_true", help="fewer and shorter rounds, and at most 2 threads")
+    arguments = parser.parse_args()
+    rounds, milliseconds = QUICK if arguments.quick else FULL
+    counts = "1,2" if arguments.quick else "1,2,4,8"
+    print("This machine has {} processors.".format(os.cpu_count()))
+    results = {}
+    for interpreter in common.chosen_interpreters(arguments):
+        entries = common.run_inside(interpreter, "time_threads.py", rounds, milliseconds, counts,
+                                    package=arguments.package)
+        print_results(interpreter["label"], entries)
+        results[interpreter["label"]] = entries
+    common.save("threads.json", results)
+    return 0
+
+
+common.run_main(main)

@@ -1,0 +1,134 @@
+"""Threads that start together and shake hard, for a short while that a person can make longer.
+
+* `shake(job, ...)`: each job over and over on a thread of its own, until the time is up.
+* `together(count, job)`: one call on each of `count` threads, all let go at once; `meetings` is many of those.
+* `ShakingTestCase`: the base class; lets threads switch as often as the interpreter can.
+
+How long each `shake` takes is chosen with XO_SHAKE_SECONDS; a run by hand may well take minutes. Threads that do
+not come to an end have their stacks shown, and the process ends: a test that hangs never passes for a slow one.
+"""
+
+import collections
+import contextlib
+import faulthandler
+import os
+import sys
+import threading
+
+from support import is_sanitized, time_limit
+from event_helpers import EventTestCase
+
+SECONDS = float(os.environ.get("XO_SHAKE_SECONDS", "0.4"))
+SHORTEST_SWITCH = 1e-6
+
+#: How many threads make up a crowd. More than there are processors, so that they are interrupted anywhere.
+CROWD = 8
+
+
+@contextlib.contextmanager
+def bounded(seconds):
+    """Ends the process, after it has shown all stacks, where the block takes longer than that."""
+    faulthandler.dump_traceback_later(time_limit(seconds), exit=True)
+    try:
+        yield
+    finally:
+        faulthandler.cancel_dump_traceback_later()
+
+
+class Crowd:
+    """Threads whose first failure is raised where they are waited for; all of them stop then."""
+
+    def __init__(self):
+        self.stopped = threading.Event()
+        self._errors = []
+        self._threads = []
+
+    def start(self, bodies):
+        barrier = threading.Barrier(len(bodies))
+
+        def run(body):
+            try:
+                barrier.wait()
+                body()
+            except BaseException as error:
+                self._errors.append(error)
+                self.stopped.set()
+
+        self._threads = [threading.Thread(target=run, args=(body,), daemon=True) for body in bodies]
+        for thread in self._threads:
+            thread.start()
+
+    def join(self):
+        for thread in self._threads:
+            thread.join()
+        if self._errors:
+            raise self._errors[0]
+
+
+def shake(*jobs, seconds=SECONDS):
+    """Calls each job again and again on its own thread, for that long; returns how often each was called."""
+    crowd = Crowd()
+    counts = [0] * len(jobs)
+
+    def repeated(index, job):
+        def body():
+            while not crowd.stopped.is_set():
+                job()
+                counts[index] += 1
+        return body
+
+    with bounded(seconds + 60):
+        crowd.start([repeated(index, job) for index, job in enumerate(jobs)])
+        crowd.stopped.wait(seconds)
+        crowd.stopped.set()
+        crowd.join()
+    return counts
+
+
+def together(count, job):
+    """Calls `job()` once on each of `count` threads, let go at the same moment; returns the results."""
+    return meetings(count, [job])[0]
+
+
+def meetings(count, jobs):
+    """The same for many jobs, one after the other, on the same threads; a list of results for each job."""
+    jobs = list(jobs)
+    results = [[None] * count for _ in jobs]
+    barrier = threading.Barrier(count)
+
+    def member(index):
+        def body():
+            try:
+                for job, of_job in zip(jobs, results):
+                    barrier.wait()
+                    of_job[index] = job()
+            except threading.BrokenBarrierError:
+                pass  # another one has failed
+            except BaseException:
+                barrier.abort()
+                raise
+        return body
+
+    crowd = Crowd()
+    with bounded(60):
+        crowd.start([member(index) for index in range(count)])
+        crowd.join()
+    return results
+
+
+def meeting_count():
+    """How many meetings a test holds: fewer where everything is slow."""
+    return max(10, int((40 if is_sanitized() else 200) * min(SECONDS, 30) / 0.4))
+
+
+class ShakingTestCase(EventTestCase):
+    """Watches the exception log, and has threads switched as often as the interpreter can."""
+
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
+        sys.setswitchinterval(SHORTEST_SWITCH)
+
+    def _check_exception_log(self):
+        exceptions, self.log.exceptions = self.log.exceptions, []
+        self.assertEqual(collections.Counter(map(repr, exceptions)), {}, "exceptions were logged")

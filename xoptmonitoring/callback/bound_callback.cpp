@@ -1,0 +1,170 @@
+// The callable that `instance.Callback` hands out.
+//
+// A method object would add a copy of the arguments to every event, and a built-in the interpreter's check of the
+// recursion depth. This one has a vectorcall entry of its own and goes straight to the first stage. It behaves like a
+// method otherwise: it shows its instance and its function, and compares by them.
+#include "xoptmonitoring/callback/bound_callback.h"
+
+#include "xoptmonitoring/callback/initial_callback.h"
+
+namespace {
+
+struct BoundCallbackData {
+    vectorcallfunc vectorcall;
+    PyObject* __self__;
+    PyObject* function;
+    /// The record in the class of `__self__`, which keeps it alive; its module state is null after teardown.
+    const ClassRecord* class_record;
+};
+
+constexpr FieldDecl kFields[] = {
+    {"__self__", FieldType::Object, offsetof(BoundCallbackData, __self__), kReadOnlyField,
+     "The CInitialCallback whose first stage this is."},
+    {"__func__", FieldType::Object, offsetof(BoundCallbackData, function), kReadOnlyField,
+     "The function behind it: CInitialCallback.Callback."},
+};
+
+BoundCallbackData& data(PyObject* bound) {
+    return instance_data_as<BoundCallbackData>(bound);
+}
+
+/// The interpreter's entry. The interpreter holds no reference to `bound` during the call, so nothing of it is read
+/// once the event is on its way.
+PyObject* call_bound(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+    const BoundCallbackData& callback = data(bound);
+    const Py_ssize_t nargs = vectorcall_nargs(nargsf);
+    if (XPY_UNLIKELY(nargs == 0 || kwnames != nullptr) && !check_callback_arguments(nargs, kwnames)) {
+        return nullptr;
+    }
+    ModuleState* m = callback.__self__ != nullptr ? callback.class_record->m : nullptr;
+    if (XPY_UNLIKELY(m == nullptr)) {
+        raise_unset();
+        return nullptr;
+    }
+    return initial_callback::Callback(*m, callback.__self__, args, nargs);
+}
+
+/// Attributes that a bound callback lacks are its function's, as with a method.
+PyObject* get_attribute(PyObject* bound, PyObject* name) {
+    PyObject* value = xpy.PyObject_GenericGetAttr(bound, name);
+    if (value != nullptr || xpy.PyErr_ExceptionMatches(xpy.PyExc_AttributeError) == 0) {
+        return value;
+    }
+    const Ref function = peek_slot(bound, data(bound).function);
+    if (!function) {
+        return nullptr;
+    }
+    xpy.PyErr_Clear();
+    return xpy.PyObject_GetAttr(function.get(), name);
+}
+
+PyObject* get_doc(PyObject* bound, void* /*closure*/) {
+    const Ref function = load_field(bound, data(bound).function);
+    return function ? xpy.PyObject_GetAttrString(function.get(), "__doc__") : nullptr;
+}
+
+PyObject* compare_bound(PyObject* left, PyObject* right, int operation) {
+    const bool comparable = type_of(left) == type_of(right) && (operation == Py_EQ || operation == Py_NE);
+    if (!comparable) {
+        return Ref::share(xpy._Py_NotImplementedStruct).release();
+    }
+    const bool equal = data(left).__self__ == data(right).__self__ && data(left).function == data(right).function;
+    return new_bool(equal == (operation == Py_EQ)).release();
+}
+
+Py_hash_t hash_bound(PyObject* bound) {
+    // Objects are aligned, so the low bits say nothing; -1 is the interpreter's word for failure.
+    const auto address = reinterpret_cast<std::uintptr_t>(data(bound).__self__);
+    const auto hash = static_cast<Py_hash_t>(address >> 4U);
+    return hash == -1 ? -2 : hash;
+}
+
+PyObject* describe(PyObject* bound) {
+    const Ref self = load_field(bound, data(bound).__self__);
+    return self ? xpy.PyUnicode_FromFormat("<bound method CInitialCallback.Callback of %R>", self.get()) : nullptr;
+}
+
+int traverse(PyObject* bound, visitproc visit, void* arg) {
+    return traverse_instance(bound, kFields, visit, arg);
+}
+
+int clear(PyObject* bound) {
+    clear_members(instance_data(bound), kFields);
+    return 0;
+}
+
+void finalize(PyObject* bound) {
+    finalize_members(bound, object_type, instance_data(bound), kFields,
+                     "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
+}
+
+constexpr std::size_t kFieldCount = std::size(kFields);
+
+/// The fields' descriptors, the doc string's, and the closing row.
+std::array<PyGetSetDef, kFieldCount + 2> getsets = [] {
+    auto table = generated::make_getsets<kFieldCount + 2>(kFields, get_instance_field, set_instance_field);
+    table[kFieldCount] = {"__doc__", get_doc, nullptr, "The function's doc string.", nullptr};
+    return table;
+}();
+
+template <class Function>
+void* slot_value(Function* function) {
+    return reinterpret_cast<void*>(function);
+}
+
+}  // namespace
+
+XPY_COLD bool check_callback_arguments(Py_ssize_t nargs, PyObject* kwnames) {
+    if (nargs == 0) {
+        xpy.PyErr_SetString(xpy.PyExc_TypeError, "argument is missing");
+        return false;
+    }
+    if (kwnames != nullptr && xpy.PyTuple_Size(kwnames) != 0) {
+        xpy.PyErr_SetString(xpy.PyExc_TypeError, "Excess keyword arguments passed to function");
+        return false;
+    }
+    return true;
+}
+
+bool create_bound_callback_type(ModuleState& m) {
+    PyMemberDef members[] = {
+        {"__vectorcalloffset__", Py_T_PYSSIZET,
+         data_offsets.instance + static_cast<Py_ssize_t>(offsetof(BoundCallbackData, vectorcall)), Py_READONLY,
+         nullptr},
+        {nullptr, 0, 0, 0, nullptr},
+    };
+    PyType_Slot slots[] = {
+        {Py_tp_call, slot_value(xpy.PyVectorcall_Call)},
+        {Py_tp_getattro, slot_value(get_attribute)},
+        {Py_tp_richcompare, slot_value(compare_bound)},
+        {Py_tp_hash, slot_value(hash_bound)},
+        {Py_tp_repr, slot_value(describe)},
+        {Py_tp_traverse, slot_value(traverse)},
+        {Py_tp_clear, slot_value(clear)},
+        {Py_tp_finalize, slot_value(finalize)},
+        {Py_tp_members, members},
+        {Py_tp_getset, getsets.data()},
+        {0, nullptr},
+    };
+    PyType_Spec spec = {"xoptmonitoring._XNotPy_BoundCallback",
+                        static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(sizeof(BoundCallbackData))),
+                        0,
+                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+                            Py_TPFLAGS_MANAGED_WEAKREF | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                        slots};
+    m.types.bound_callback = xpy.PyType_FromModuleAndSpec(m.module, &spec, nullptr);
+    return m.types.bound_callback != nullptr;
+}
+
+PyObject* bind_callback(ModuleState& m, PyObject* function, PyObject* self, PyTypeObject* cls) {
+    if (m.types.bound_callback == nullptr) {
+        raise_unset();
+        return nullptr;
+    }
+    PyObject* bound = xpy.PyType_GenericAlloc(as_type(m.types.bound_callback), 0);
+    if (bound != nullptr) {
+        data(bound) = {call_bound, Ref::share(self).release(), Ref::share(function).release(),
+                       static_cast<const ClassRecord*>(class_data(as_object(cls)))};
+    }
+    return bound;
+}
