@@ -1,9 +1,8 @@
-"""What all measurements share: interpreters, the compiled contestants, runs inside an interpreter, and tables."""
+"""What all measurements share: interpreters, runs inside one, results and tables."""
 
 import json
 import os
 import pathlib
-import shlex
 import shutil
 import subprocess
 import sys
@@ -13,7 +12,10 @@ BENCH = ROOT / "bench"
 RESULTS = ROOT / "build" / "bench"
 PACKAGE = ROOT / "build" / "release" / "package"
 
-CONTESTANTS = RESULTS / "contestants.so"
+CONTESTANTS = ROOT / "build" / "release" / "bench" / "contestants.so"
+
+
+SKIPPED = 77  # exit status: CTest is told that nothing was tested
 
 
 class Failure(Exception):
@@ -84,31 +86,15 @@ def chosen_interpreters(arguments):
     return chosen
 
 
-def compile_contestants():
-    """Compile contestants.c where that has not been done since it was changed."""
-    source = BENCH / "contestants.c"
-    if CONTESTANTS.exists() and CONTESTANTS.stat().st_mtime > source.stat().st_mtime:
-        return
-    compiler = shlex.split(os.environ.get("CC", "")) or [shutil.which("gcc") or shutil.which("clang") or "cc"]
-    RESULTS.mkdir(parents=True, exist_ok=True)
-    new = CONTESTANTS.with_suffix(".so.new")
-    command = [*compiler, "-std=c11", "-O2", "-g", "-fPIC", "-shared", "-Wall", "-Wextra", source, "-o", new]
-    try:
-        subprocess.run(command, check=True)
-    except (OSError, subprocess.CalledProcessError) as error:
-        raise Failure("the contestants cannot be compiled: {}".format(error)) from error
-    new.replace(CONTESTANTS)
-
-
-def run_inside(interpreter, script, *words, package=PACKAGE, prefix=(), settings=None):
+def run_inside(interpreter, script, *words, package=PACKAGE, prefix=(), more_paths=()):
     """Run a script of bench/inside under an interpreter; returns what it prints, which is JSON."""
-    if not (package / "vorntracer" / "xoptmonitoring.so").exists():
-        raise Failure("there is no module in {}: run ./dev build first".format(package))
-    compile_contestants()
+    for needed in (package / "vorntracer" / "xoptmonitoring.so", CONTESTANTS):
+        if not needed.exists():
+            raise Failure("there is no {}: run ./dev build first".format(needed))
     environment = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
     environment.update(
-        PYTHONPATH=str(package), PYTHONDONTWRITEBYTECODE="1", PYTHONHASHSEED="0",
-        XOPT_CONTESTANTS=str(CONTESTANTS), **(settings or {}),
+        PYTHONPATH=os.pathsep.join(map(str, (package, *more_paths))), PYTHONDONTWRITEBYTECODE="1",
+        PYTHONHASHSEED="0", XOPT_CONTESTANTS=str(CONTESTANTS), PYDEVD_DISABLE_FILE_VALIDATION="1",
     )
     command = [*prefix, interpreter["command"], BENCH / "inside" / script, *words]
     result = subprocess.run([str(word) for word in command], env=environment, stdout=subprocess.PIPE, text=True)

@@ -14,9 +14,9 @@
  */
 #include <stddef.h>
 
-#if __has_include(<valgrind/callgrind.h>)
+#ifdef XOPT_HAS_CALLGRIND
 #include <valgrind/callgrind.h>
-#else /* nothing is counted then */
+#else /* nothing can be counted */
 #define RUNNING_ON_VALGRIND 0
 #define CALLGRIND_START_INSTRUMENTATION (void)0
 #define CALLGRIND_STOP_INSTRUMENTATION (void)0

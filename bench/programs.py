@@ -14,8 +14,10 @@ import common
 import svg
 
 QUICK = (3, 5, 1)  # rounds, milliseconds of a sample, and seconds for one debugger, program and breakpoint at most
-FULL = (15, 40, 15)
+FULL = (11, 25, 6)
 
+SPOTS = ("in another file", "in another function of the same file", "in the hot function")
+QUICK_PROGRAMS = ("JSON round trip", "constraint solver")
 PROGRAMS = ("JSON round trip", "text comparison", "parse and unparse", "numeric loop", "constraint solver")
 
 
@@ -39,25 +41,42 @@ def action_value(entry):
     return "{:.2f} µs".format(entry["microseconds"])
 
 
+def measure_debugpy(interpreter, programs, found, effort, package, folder):
+    """Add what debugpy takes to what was found, where the interpreter has it."""
+
+    def measure(*what):
+        return common.run_inside(interpreter, "time_debugpy.py", *effort, *what, package=package,
+                                 more_paths=(folder,) if folder else ())
+
+    for program in programs:
+        for spot in SPOTS:
+            entry = measure(program, spot)
+            if entry is None:
+                return
+            found["never hit"].append(entry)
+    for action in dict.fromkeys(entry["action"] for entry in found["at stops"]):
+        found["at stops"].append(measure(action))
+
+
 def draw(results):
     """The chart: slowdowns by this project's tracer, for each program and interpreter."""
-    spots = ("in another file", "in another function of the same file", "in the hot function")
+    programs = dict.fromkeys(entry["program"] for found in results.values() for entry in found["never hit"])
     panels = []
-    for program in PROGRAMS:
+    for program in programs:
         groups = []
         for label, found in results.items():
             factors = {entry["breakpoint"]: entry["slowdown"] for entry in found["never hit"]
                        if entry["program"] == program and entry["debugger"] == "this tracer"}
-            groups.append((label, [factors[spot] for spot in spots]))
+            groups.append((label, [factors[spot] for spot in SPOTS]))
         panels.append((program, groups))
     return svg.bar_chart("Programs under the tracer, with one breakpoint that is never hit", "times as long", spots,
                          panels)
 
 
-def count(interpreter, package):
+def count(interpreter, programs, package):
     """Instructions of each program, and the factor by which the tracer raises them."""
     with tempfile.TemporaryDirectory() as folder:
-        dumps = common.run_inside(interpreter, "count_programs.py", ",".join(PROGRAMS), package=package,
+        dumps = common.run_inside(interpreter, "count_programs.py", ",".join(programs), package=package,
                                   prefix=common.callgrind_command(folder))
         reader = callgrind_dump.DumpReader()
         for number, dump in enumerate(dumps, 1):
@@ -71,29 +90,32 @@ def count(interpreter, package):
 
 
 def print_counts(counted):
-    spots = [spot for spot in next(iter(counted.values())) if spot != "nothing"]
     rows = [[program, "{:.2f}".format(found["nothing"] / 1e6),
-             *("{:.4f}".format(found[spot] / found["nothing"]) for spot in spots)]
+             *("{:.4f}".format(found[spot] / found["nothing"]) for spot in SPOTS)]
             for program, found in counted.items()]
-    print(common.format_table(["times the instructions", "millions under nothing", *spots], rows), flush=True)
+    print(common.format_table(["times the instructions", "millions under nothing", *SPOTS], rows), flush=True)
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     common.add_interpreter_option(parser)
-    parser.add_argument("--quick", action="store_true", help="fewer and shorter rounds")
+    parser.add_argument("--quick", action="store_true", help="fewer programs, fewer and shorter rounds")
     parser.add_argument("--instructions", action="store_true", help="count instructions instead")
+    parser.add_argument("--debuggers", metavar="FOLDER", help="where to look for debuggers to compare with, too")
     arguments = parser.parse_args()
+    effort = QUICK if arguments.quick else FULL
+    programs = QUICK_PROGRAMS if arguments.quick else PROGRAMS
     results = {}
     for interpreter in common.chosen_interpreters(arguments):
         label = interpreter["label"]
         print("\nPython {}\n".format(label), flush=True)
         if arguments.instructions:
-            results[label] = count(interpreter, arguments.package)
+            results[label] = count(interpreter, programs, arguments.package)
             print_counts(results[label])
             continue
-        found = common.run_inside(interpreter, "time_programs.py", *(QUICK if arguments.quick else FULL),
+        found = common.run_inside(interpreter, "time_programs.py", *effort, ",".join(programs),
                                   package=arguments.package)
+        measure_debugpy(interpreter, programs, found, effort, arguments.package, arguments.debuggers)
         print_table(found["never hit"], ("program", "breakpoint"), lambda entry: factor(entry["slowdown"]))
         print()
         print_table(found["at stops"], ("action",), action_value)

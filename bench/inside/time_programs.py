@@ -4,7 +4,7 @@ Every run under a debugger is set against one under nothing just before it, in t
 warm-up: what is measured is the steady state, after the interpreter has specialised the code, and after a debugger has
 seen what it needs to see once.
 
-usage: time_programs.py ROUNDS MILLISECONDS SECONDS_FOR_EACH
+usage: time_programs.py ROUNDS MILLISECONDS SECONDS_FOR_EACH PROGRAM[,PROGRAM...]
 
 Prints, as JSON, one entry for each program, debugger and place: how many times longer the program takes.
 """
@@ -69,15 +69,21 @@ def slowdown(debugger, program, found, breakpoint, effort):
     return statistics.median(ratios[1:] or ratios)
 
 
-def never_hit(effort):
-    """The slowdown of every program by a breakpoint that is never hit."""
-    for name, program in programs.PROGRAMS.items():
-        found = places.find_places(program, sched.__file__)
-        spots = {
-            "in another file": found.in_another_file,
-            "in another function of the same file": found.in_the_same_file,
-            "in the hot function": found.in_the_hot_function,
-        }
+def spots_of(program):
+    """The places of a program, and those for breakpoints by what they are called."""
+    found = places.find_places(program, sched.__file__)
+    return found, {
+        "in another file": found.in_another_file,
+        "in another function of the same file": found.in_the_same_file,
+        "in the hot function": found.in_the_hot_function,
+    }
+
+
+def never_hit(effort, names):
+    """The slowdown of programs by a breakpoint that is never hit."""
+    for name in names:
+        program = programs.PROGRAMS[name]
+        found, spots = spots_of(program)
         for spot, breakpoint in spots.items():
             contenders = [debuggers.OWN, *debuggers.standard_debuggers()]
             if breakpoint is found.in_the_hot_function:
@@ -140,32 +146,43 @@ def step(debugger, function, breakpoint, answers, stops, units):
     return elapsed
 
 
+CALLEE, CALLER = programs.call_a_program.__code__, programs.call_the_caller.__code__
+
+# Breakpoints in a loop: their condition, and how often the loop runs
+LOOPS = {"stop at a breakpoint": (None, 1000), "condition that is false": ("number < 0", 10000)}
+
+# Steps: the function that is called, the answers to stops, and where the stops have to be
+STEPS = {
+    "step over a long call": (programs.call_a_program, ("over", "continue"), ((CALLEE, 1), (CALLEE, 2))),
+    "step out of a long call": (programs.call_the_caller, ("out", "continue"), ((CALLEE, 1), (CALLER, 2))),
+}
+
+UNITS_OF_A_STEP = 16
+
+
 def at_stops(effort):
     """What stops and steps cost. A step is set against the same program under nothing."""
     rounds = max(3, effort.rounds // 2)
-    callee, caller = programs.call_a_program.__code__, programs.call_the_caller.__code__
+    breakpoint = line_in(programs.call_a_program, 1)
+
+    def idle():
+        return time_units(programs.json_round_trip, UNITS_OF_A_STEP) * UNITS_OF_A_STEP
+
     for debugger in (debuggers.OWN, *debuggers.standard_debuggers()):
-        for title, condition, count in (("stop at a breakpoint", None, 1000),
-                                        ("condition that is false", "number < 0", 10000)):
+        for action, (condition, count) in LOOPS.items():
             samples = [hits(debugger, condition, count) for _ in range(rounds)]
-            yield {"action": title, "debugger": debugger.name, "microseconds": statistics.median(samples) / 1000}
-        for title, function, answers, stops in (
-            ("step over a long call", programs.call_a_program, ("over", "continue"), ((callee, 1), (callee, 2))),
-            ("step out of a long call", programs.call_the_caller, ("out", "continue"), ((callee, 1), (caller, 2))),
-        ):
-            ratios = []
-            for _ in range(rounds):
-                breakpoint = line_in(programs.call_a_program, 1)
-                elapsed = step(debugger, function, breakpoint, answers, stops, 4)
-                ratios.append(elapsed / timed_call(debuggers.NOTHING, lambda: [programs.json_round_trip()
-                                                                              for _ in range(4)], None))
-            yield {"action": title, "debugger": debugger.name, "slowdown": statistics.median(ratios)}
+            yield {"action": action, "debugger": debugger.name, "microseconds": statistics.median(samples) / 1000}
+        for action, (function, answers, stops) in STEPS.items():
+            ratios = [step(debugger, function, breakpoint, answers, stops, UNITS_OF_A_STEP) / idle()
+                      for _ in range(rounds)]
+            yield {"action": action, "debugger": debugger.name, "slowdown": statistics.median(ratios)}
 
 
-def main(*effort):
-    effort = Effort(*effort)
+def main(rounds, milliseconds, seconds, names):
+    effort = Effort(rounds, milliseconds, seconds)
     gc.disable()
-    json.dump({"never hit": list(never_hit(effort)), "at stops": list(at_stops(effort))}, sys.stdout)
+    json.dump({"never hit": list(never_hit(effort, names.split(","))), "at stops": list(at_stops(effort))},
+              sys.stdout)
 
 
 if __name__ == "__main__":

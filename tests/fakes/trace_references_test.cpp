@@ -18,8 +18,7 @@ class TracedReferences : public FakeInterpreter {
 
 TEST_F(TracedReferences, are_recognised_by_the_entry_point) {
     EXPECT_EQ(record().pydebug_build, 1);
-    EXPECT_EQ(reinterpret_cast<void*>(record().PyModule_Create2),
-              dlsym(RTLD_DEFAULT, "PyModule_Create2TraceRefs"));
+    EXPECT_EQ(reinterpret_cast<void*>(record().PyModule_Create2), dlsym(RTLD_DEFAULT, "PyModule_Create2TraceRefs"));
 }
 
 TEST_F(TracedReferences, shift_the_object_header_by_16_bytes) {

@@ -176,8 +176,7 @@ TEST_F(Diagnostics, a_format_that_makes_no_sense_is_survived) {
         EXPECT_EQ(guard(), 0) << format;
         if (version_number() >= 312) {
             // Older versions copy what they do not know.
-            EXPECT_EQ(eval_text("file.text.split(chr(10))[-2]"),
-                      "DPRINTF error: exception while formatting string");
+            EXPECT_EQ(eval_text("file.text.split(chr(10))[-2]"), "DPRINTF error: exception while formatting string");
         }
     }
 }
@@ -530,8 +529,7 @@ TEST_F(ExceptionLog, is_written_in_a_trace_function_but_not_deeper) {
         EXPECT_NE(written(), "") << "a depth that cannot be read does not silence anything";
         return;
     }
-    auto* tracing =
-        XPy_GetFieldAddress<std::int32_t>(XPy_CurrentThreadStateOrNull(), xpy.tstate_offsets.tracing);
+    auto* tracing = XPy_GetFieldAddress<std::int32_t>(XPy_CurrentThreadStateOrNull(), xpy.tstate_offsets.tracing);
     for (const int depth : {2, 1}) {
         raise_exception();
         *tracing += depth;
@@ -726,8 +724,7 @@ TEST_F(FrameText, can_be_had_of_a_finished_generator) {
 }
 
 TEST_F(FrameText, hides_a_file_name_that_is_not_ascii_when_lines_go_to_python) {
-    make_frame("b'/src/caf\\xc3\\xa9.py'.decode('utf-8')" +
-               std::string(is_generation_2() ? ".encode('utf-8')" : ""));
+    make_frame("b'/src/caf\\xc3\\xa9.py'.decode('utf-8')" + std::string(is_generation_2() ? ".encode('utf-8')" : ""));
     EXPECT_EQ(text(), "line 12 of run (/src/caf\xc3\xa9.py: 10)");
     log_to("file");
     EXPECT_EQ(text(), "line 12 of run ((non-ascii string): 10)");
@@ -881,16 +878,14 @@ TEST_F(Diagnostics, the_steps_of_binding_are_traced_to_a_descriptor) {
     std::snprintf(expected, sizeof expected,
                   "FindInitFunction() succeeded major_version = %i, free_t_build = %i, pydebug_build = %i\n"
                   "pyobject_offsets: refcnt=%i type=%i mutex=%i overflow=%i flags=%i\n",
-                  static_cast<int>(xpy.major_version), free_threaded ? 1 : 0,
-                  static_cast<int>(xpy.pydebug_build), static_cast<int>(header.refcnt),
-                  static_cast<int>(header.type), static_cast<int>(header.mutex),
+                  static_cast<int>(xpy.major_version), free_threaded ? 1 : 0, static_cast<int>(xpy.pydebug_build),
+                  static_cast<int>(header.refcnt), static_cast<int>(header.type), static_cast<int>(header.mutex),
                   static_cast<int>(header.overflow), static_cast<int>(header.flags));
     text += expected;
     if (xpy.major_version == 3 && minor > 7) {
-        std::snprintf(
-            expected, sizeof expected,
-            "typeobject: tp_basicsize offset = %i, tp_vectorcall_offset offset = %i, max_align = 16\n",
-            static_cast<int>(type.tp_basicsize), static_cast<int>(type.tp_vectorcall_offset));
+        std::snprintf(expected, sizeof expected,
+                      "typeobject: tp_basicsize offset = %i, tp_vectorcall_offset offset = %i, max_align = 16\n",
+                      static_cast<int>(type.tp_basicsize), static_cast<int>(type.tp_vectorcall_offset));
         text += expected;
     }
     text += "XPy_InitializeGlobalData() succeeded\n";

@@ -85,16 +85,14 @@ TEST_F(Fallbacks, that_cannot_do_anything_say_so_twice_and_fail) {
         {"PyType_GetSlot not available", [&] { return xpy.PyType_GetSlot(type, 1) == nullptr; }},
         {"PyType_GetModuleState() not available before 3.9",
          [&] { return xpy.PyType_GetModuleState(type) == nullptr; }},
-        {"PyType_GetModule() not available before 3.9",
-         [&] { return xpy.PyType_GetModule(type) == nullptr; }},
+        {"PyType_GetModule() not available before 3.9", [&] { return xpy.PyType_GetModule(type) == nullptr; }},
         {"PyType_GetModule() not available before 3.9",
          [&] { return xpy.PyType_GetModuleByDef(type, nullptr) == nullptr; }},
         {"PyType_FromModuleAndSpec() not available before 3.9",
          [&] { return xpy.PyType_FromModuleAndSpec(object, nullptr, nullptr) == nullptr; }},
         {"PyType_FromMetaclass() not available before 3.12",
          [&] { return xpy.PyType_FromMetaclass(type, object, nullptr, nullptr) == nullptr; }},
-        {"PyModule_GetState() not available before 3.9",
-         [&] { return xpy.PyModule_GetState(object) == nullptr; }},
+        {"PyModule_GetState() not available before 3.9", [&] { return xpy.PyModule_GetState(object) == nullptr; }},
         {"PyThread_tss_alloc not available", [&] { return xpy.PyThread_tss_alloc() == nullptr; }},
         {"PyThread_tss_create not available", [&] { return xpy.PyThread_tss_create(key) == 0; }},
         {"PyThread_tss_get not available", [&] { return xpy.PyThread_tss_get(key) == nullptr; }},
@@ -105,20 +103,15 @@ TEST_F(Fallbacks, that_cannot_do_anything_say_so_twice_and_fail) {
          [&] { return xpy.PyUnstable_Eval_RequestCodeExtraIndex(nullptr) == -1; }},
         {"_PyCode_GetExtra not available",
          [&] { return xpy.PyUnstable_Code_GetExtra(object, 0, &extra) == -1 && extra == &some_value; }},
-        {"_PyCode_SetExtra not available",
-         [&] { return xpy.PyUnstable_Code_SetExtra(object, 0, extra) == -1; }},
+        {"_PyCode_SetExtra not available", [&] { return xpy.PyUnstable_Code_SetExtra(object, 0, extra) == -1; }},
         {"PyErr_GetRaisedException not available", [&] { return xpy.PyErr_GetRaisedException() == nullptr; }},
-        {"PyErr_SetRaisedException not available",
-         [&] { return xpy.PyErr_SetRaisedException(object), true; }},
-        {"PyErr_GetHandledException not available",
-         [&] { return xpy.PyErr_GetHandledException() == nullptr; }},
-        {"PyErr_SetHandledException not available",
-         [&] { return xpy.PyErr_SetHandledException(object), true; }},
+        {"PyErr_SetRaisedException not available", [&] { return xpy.PyErr_SetRaisedException(object), true; }},
+        {"PyErr_GetHandledException not available", [&] { return xpy.PyErr_GetHandledException() == nullptr; }},
+        {"PyErr_SetHandledException not available", [&] { return xpy.PyErr_SetHandledException(object), true; }},
         {"PyCapsule not available", [&] { return xpy.PyCapsule_New(extra, "name", nullptr) == nullptr; }},
         {"PyCapsule not available", [&] { return xpy.PyCapsule_GetPointer(object, "name") == nullptr; }},
         {"PyCapsule not available", [&] { return xpy.PyCapsule_SetDestructor(object, nullptr) == 0; }},
-        {"PyCMethod_New not available",
-         [&] { return xpy.PyCMethod_New(nullptr, object, object, type) == nullptr; }},
+        {"PyCMethod_New not available", [&] { return xpy.PyCMethod_New(nullptr, object, object, type) == nullptr; }},
     };
     for (const Raising& fallback : cases) {
         CapturedStderr captured;
@@ -157,8 +150,7 @@ TEST_F(Fallbacks, that_do_nothing_say_that_they_were_called_and_raise_nothing) {
         {"Backup_PyThreadState_GetDict called\n", [&] { return xpy.PyThreadState_GetDict() == nullptr; }},
         {"Backup_PyThread_acquire_lock_timed() called\n",
          [&] { return xpy.PyThread_acquire_lock_timed(nullptr, 0, 0) == 0; }},
-        {"Backup__PyEval_SetTrace() called\n",
-         [&] { return xpy._PyEval_SetTrace(tstate, nullptr, nullptr) == 0; }},
+        {"Backup__PyEval_SetTrace() called\n", [&] { return xpy._PyEval_SetTrace(tstate, nullptr, nullptr) == 0; }},
         {"Backup_PyEval_SetTraceAllThreads called\n",
          [&] { return xpy.PyEval_SetTraceAllThreads(nullptr, nullptr), true; }},
     };
@@ -411,14 +403,11 @@ TEST_F(Fallbacks, raise_where_a_frame_cannot_be_read) {
     EXPECT_EQ(xpy.PyFrame_GetCode(none()), nullptr);
     EXPECT_EQ(take_exception(), "RuntimeError: PyFrame_GetCode not available and frame_offsets.code not set");
     EXPECT_EQ(xpy.PyFrame_GetBuiltins(none()), nullptr);
-    EXPECT_EQ(take_exception(),
-              "RuntimeError: PyFrame_GetBuiltins not available and frame_offsets.builtins not set");
+    EXPECT_EQ(take_exception(), "RuntimeError: PyFrame_GetBuiltins not available and frame_offsets.builtins not set");
     EXPECT_EQ(xpy.PyFrame_GetGlobals(none()), nullptr);
-    EXPECT_EQ(take_exception(),
-              "RuntimeError: PyFrame_GetGlobals not available and frame_offsets.globals not set");
+    EXPECT_EQ(take_exception(), "RuntimeError: PyFrame_GetGlobals not available and frame_offsets.globals not set");
     EXPECT_EQ(xpy.PyFrame_GetLocals(none()), nullptr);
-    EXPECT_EQ(take_exception(),
-              "RuntimeError: PyFrame_GetLocals not available and frame_offsets.locals not set");
+    EXPECT_EQ(take_exception(), "RuntimeError: PyFrame_GetLocals not available and frame_offsets.locals not set");
     EXPECT_EQ(captured.take(), "");
 }
 

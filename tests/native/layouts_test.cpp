@@ -102,8 +102,7 @@ TEST_F(LiveLayouts, type_objects) {
         const std::string text = name;
         EXPECT_EQ(read<Py_ssize_t>(type.get(), xpy.typeobject_offsets.tp_basicsize),
                   eval_long(text + ".__basicsize__"));
-        EXPECT_EQ(read<PyObject*>(type.get(), xpy.typeobject_offsets.tp_base),
-                  eval(text + ".__base__").get());
+        EXPECT_EQ(read<PyObject*>(type.get(), xpy.typeobject_offsets.tp_base), eval(text + ".__base__").get());
         const Ref flags = eval(text + ".__flags__");
         EXPECT_EQ(read<unsigned long>(type.get(), xpy.typeobject_offsets.tp_flags),
                   xpy.PyLong_AsUnsignedLong(flags.get()));
@@ -113,8 +112,7 @@ TEST_F(LiveLayouts, type_objects) {
     const auto vectorcall_offset =
         read<Py_ssize_t>(type_of(function.get()), xpy.typeobject_offsets.tp_vectorcall_offset);
     EXPECT_GT(vectorcall_offset, 0);
-    EXPECT_LT(vectorcall_offset,
-              read<Py_ssize_t>(type_of(function.get()), xpy.typeobject_offsets.tp_basicsize));
+    EXPECT_LT(vectorcall_offset, read<Py_ssize_t>(type_of(function.get()), xpy.typeobject_offsets.tp_basicsize));
     EXPECT_NE(read<void*>(function.get(), vectorcall_offset), nullptr);
     if (void* expected = dlsym(RTLD_DEFAULT, "_PyFunction_Vectorcall")) {
         EXPECT_EQ(read<void*>(function.get(), vectorcall_offset), expected);
@@ -171,8 +169,7 @@ TEST_F(LiveLayouts, the_block_depth_and_the_stack_of_a_frame) {
         "        pass\n"
         "generator = generate()\n");
     const Ref frame = eval("generator.gi_frame");
-    const std::int64_t stack_or_state =
-        version_number() == 310 ? xpy.frame_offsets.state : xpy.frame_offsets.stacktop;
+    const std::int64_t stack_or_state = version_number() == 310 ? xpy.frame_offsets.state : xpy.frame_offsets.stacktop;
     EXPECT_EQ(version_number() == 310 ? xpy.frame_offsets.stacktop : xpy.frame_offsets.state, -1);
     if (version_number() == 310) {
         constexpr int kCreated = -2;

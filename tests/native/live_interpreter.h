@@ -68,8 +68,7 @@ inline int version_number() {
 
 /// The text of a str object (of either kind on generation 2).
 inline std::string text_of(PyObject* object) {
-    const char* text =
-        xpy.PyUnicode_AsUTF8 != nullptr ? xpy.PyUnicode_AsUTF8(object) : xpy.PyString_AsString(object);
+    const char* text = xpy.PyUnicode_AsUTF8 != nullptr ? xpy.PyUnicode_AsUTF8(object) : xpy.PyString_AsString(object);
     if (text == nullptr) {
         xpy.PyErr_Clear();
         return "(no text)";
@@ -113,23 +112,20 @@ class LiveInterpreterTest : public testing::Test {
     void TearDown() override {
         EXPECT_EQ(take_exception(), "") << "the test left an exception behind";
         globals_ = Ref();
-        EXPECT_EQ(std::memcmp(&record_before_, &xpy, sizeof xpy), 0)
-            << "the test changed the record for good";
+        EXPECT_EQ(std::memcmp(&record_before_, &xpy, sizeof xpy), 0) << "the test changed the record for good";
     }
 
     /// Runs statements in the test's namespace.
     void run(const std::string& code) {
         constexpr int kFileInput = 257;
-        const Ref result =
-            Ref::steal(xpy.PyRun_String(code.c_str(), kFileInput, globals_.get(), globals_.get()));
+        const Ref result = Ref::steal(xpy.PyRun_String(code.c_str(), kFileInput, globals_.get(), globals_.get()));
         EXPECT_TRUE(result) << code << "\nraised " << take_exception();
     }
 
     /// The value of an expression in the test's namespace.
     Ref eval(const std::string& expression) {
         constexpr int kEvalInput = 258;
-        Ref result =
-            Ref::steal(xpy.PyRun_String(expression.c_str(), kEvalInput, globals_.get(), globals_.get()));
+        Ref result = Ref::steal(xpy.PyRun_String(expression.c_str(), kEvalInput, globals_.get(), globals_.get()));
         EXPECT_TRUE(result) << expression << "\nraised " << take_exception();
         return result;
     }

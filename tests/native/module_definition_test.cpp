@@ -276,8 +276,7 @@ TEST_F(MultiPhaseModule, is_created_and_executed_by_the_interpreter) {
     }
     using FromDefinition = PyObject* (*)(PyObject * definition, PyObject * spec, int api_version);
     using Execute = int (*)(PyObject * module, PyObject * definition);
-    const auto from_definition =
-        reinterpret_cast<FromDefinition>(XPy_LookupPythonFunction("PyModule_FromDefAndSpec2"));
+    const auto from_definition = reinterpret_cast<FromDefinition>(XPy_LookupPythonFunction("PyModule_FromDefAndSpec2"));
     const auto execute_module = reinterpret_cast<Execute>(XPy_LookupPythonFunction("PyModule_ExecDef"));
     ASSERT_NE(from_definition, nullptr);
     ASSERT_NE(execute_module, nullptr);

@@ -60,18 +60,16 @@ std::vector<SlotState> all_slots() {
     }
 #define XPY_BACKED(need, backup, result, name, parameters) \
     slots.push_back({Need::need, #name, as_pointer(xpy.name), exported_function(#name), as_pointer(&backup)});
-#define XPY_OLDER(older, backup, result, name, parameters)                                  \
-    slots.push_back({Need::OPTIONAL, #name, as_pointer(xpy.name), exported_function(#name), \
-                     as_pointer(&backup), exported_function(#older)});
+#define XPY_OLDER(older, backup, result, name, parameters)                                                       \
+    slots.push_back({Need::OPTIONAL, #name, as_pointer(xpy.name), exported_function(#name), as_pointer(&backup), \
+                     exported_function(#older)});
 #define XPY_UNICODE(need, result, name, suffix, parameters) \
     slots.push_back({Need::need, #name, as_pointer(xpy.name), exported_unicode(suffix)});
 #define XPY_UNICODE_BACKED(backup, result, name, suffix, parameters) \
-    slots.push_back(                                                 \
-        {Need::OPTIONAL, #name, as_pointer(xpy.name), exported_unicode(suffix), as_pointer(&backup)});
+    slots.push_back({Need::OPTIONAL, #name, as_pointer(xpy.name), exported_unicode(suffix), as_pointer(&backup)});
 #define XPY_DATA(need, read, type, name) \
     slots.push_back({Need::need, #name, xpy.name, exported_data(Read::read, #name)});
-#define XPY_TYPE(need, name) \
-    slots.push_back({Need::need, #name, xpy.name##_ptr, exported_data(Read::ADDRESS, #name)});
+#define XPY_TYPE(need, name) slots.push_back({Need::need, #name, xpy.name##_ptr, exported_data(Read::ADDRESS, #name)});
 #include "xoptmonitoring/binding/xpy_api_slots.def"
     return slots;
 }
@@ -94,8 +92,7 @@ TEST_F(Slots, a_name_that_this_generation_requires_is_held_as_exported) {
 TEST_F(Slots, a_name_of_the_other_generation_is_not_looked_up) {
     const Need other_generation = xpy.major_version == 2 ? Need::ON_3 : Need::ON_2;
     // Generation 2 spells these PyString_, and its strings are its bytes.
-    const std::vector<std::string> aliases = {"PyBytes_AsString", "PyBytes_FromString", "PyBytes_Size",
-                                              "PyBytes_Type"};
+    const std::vector<std::string> aliases = {"PyBytes_AsString", "PyBytes_FromString", "PyBytes_Size", "PyBytes_Type"};
     for (const SlotState& slot : all_slots()) {
         if (slot.need == other_generation && std::count(aliases.begin(), aliases.end(), slot.name) == 0) {
             EXPECT_EQ(slot.held, nullptr) << slot.name;

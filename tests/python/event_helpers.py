@@ -19,6 +19,9 @@ EVENT_IDS = {
     "LINE": xo.kPyLineEventId,
 }
 
+#: What the import writes to standard error: nothing, unless the interpreter's thread states are not described.
+IMPORT_MESSAGE = "" if sys.version_info < (3, 15) else "Cannot find tstate fields for this python version\n"
+
 #: An event that the module does not serve.
 FOREIGN_EVENT_ID = sys.monitoring.events.CALL
 

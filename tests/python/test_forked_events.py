@@ -7,7 +7,7 @@ import time
 import unittest
 
 from code_helpers import in_forked_child, make_code
-from event_helpers import EVENT_IDS, FOREIGN_EVENT_ID, SAMPLE, EventTestCase, Worker
+from event_helpers import EVENT_IDS, FOREIGN_EVENT_ID, IMPORT_MESSAGE, SAMPLE, EventTestCase, Worker
 from support import Recorder, RecordingWriter, needs_fork, run_python, xo
 
 CPerCodeObject = xo.CPerCodeObject
@@ -318,7 +318,7 @@ class RealEventsTest(EventTestCase):
             assert results == [0, 0], results
             assert work.__code__ not in seen
         """)
-        self.assertEqual((child.stdout, child.stderr), ("", ""))
+        self.assertEqual((child.stdout, child.stderr), ("", IMPORT_MESSAGE))
 
     def test_a_second_callback_may_fork(self):
         def work():

@@ -175,8 +175,11 @@ class Archive:
         """Fetch a source package and unpack it, with Debian's patches, into a new folder."""
         downloads = self.folder / "sources" / package
         downloads.mkdir(parents=True, exist_ok=True)
-        run(["apt-get", *self.options, "--download-only", "--only-source", "source", package], self.log,
-            cwd=downloads)
+        try:
+            run(["apt-get", *self.options, "--download-only", "--only-source", "source", package], self.log,
+                cwd=downloads)
+        except Unavailable:
+            raise Unavailable("its sources cannot be fetched; see {}".format(self.log)) from None
         descriptions = sorted(downloads.glob("{}_*.dsc".format(package)))
         if not descriptions:
             raise Unavailable("the archive has no source package {}".format(package))
@@ -249,6 +252,9 @@ class Interpreters:
                 tree.mkdir(parents=True, exist_ok=True)
                 run(["dpkg-deb", "--extract", package, tree], self.archive.log)
                 package.unlink()
+            library = self.folder / "lib"
+            if not library.is_symlink():
+                library.symlink_to("debian/usr/lib")
             for name in names:
                 self.start_through_loader(tree, name)
         except Unavailable as problem:
@@ -257,7 +263,7 @@ class Interpreters:
                     self.missing[name] = str(problem)
 
     def start_through_loader(self, tree, name):
-        """Write the script for an interpreter of the tree: with its own loader, libraries and library folder."""
+        """Write the script for an interpreter of the tree: with the tree's own loader and libraries."""
         loaders = sorted(tree.glob("usr/lib*/ld-linux*.so.*"))
         libraries = sorted(path for path in tree.glob("usr/lib/*-linux-gnu*") if path.is_dir())
         if not loaders or not libraries:
@@ -265,10 +271,10 @@ class Interpreters:
             return
         paths = ":".join(shlex.quote(str(path)) for path in libraries)
         write_starter(self.starter(name), [
-            "# The name that it is started by is handed on, so that it starts others of its kind the same way.",
-            'exec env PYTHONHOME={} {} --argv0 "$0" --library-path {} {} "$@"'.format(
-                shlex.quote(str(tree / "usr")), shlex.quote(str(loaders[0])), paths,
-                shlex.quote(str(tree / "usr" / "bin" / name))),
+            "# The interpreter takes the name that it is started by for its own: it finds its library beside that,",
+            "# and starts others of its kind the same way.",
+            'exec {} --argv0 "$0" --library-path {} {} "$@"'.format(
+                shlex.quote(str(loaders[0])), paths, shlex.quote(str(tree / "usr" / "bin" / name))),
         ])
         try:
             self.finish(name)

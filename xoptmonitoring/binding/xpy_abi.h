@@ -31,10 +31,9 @@ struct PyMutex {
 
 /// Fast call with keywords and the class that defines the method (METH_METHOD | METH_FASTCALL |
 /// METH_KEYWORDS).
-using PyCMethod = PyObject* (*)(PyObject* self, PyTypeObject* defining_class, PyObject* const* args,
-                                Py_ssize_t nargs, PyObject* kwnames);
-using vectorcallfunc = PyObject* (*)(PyObject* callable, PyObject* const* args, std::size_t nargsf,
-                                     PyObject* kwnames);
+using PyCMethod = PyObject* (*)(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, Py_ssize_t nargs,
+                                PyObject* kwnames);
+using vectorcallfunc = PyObject* (*)(PyObject* callable, PyObject* const* args, std::size_t nargsf, PyObject* kwnames);
 using destructor = void (*)(PyObject* self);
 using descrgetfunc = PyObject* (*)(PyObject* self, PyObject* object, PyObject* type);
 using getter = PyObject* (*)(PyObject* self, void* closure);

@@ -290,8 +290,7 @@ bool fill_record() {
         return false;
     }
     const bool free_threaded = IsFreeThreadingBuild();
-    do_dp_no_py(gDP.core,
-                "FindInitFunction() succeeded major_version = %i, free_t_build = %i, pydebug_build = %i\n",
+    do_dp_no_py(gDP.core, "FindInitFunction() succeeded major_version = %i, free_t_build = %i, pydebug_build = %i\n",
                 static_cast<int>(xpy.major_version), static_cast<int>(free_threaded),
                 static_cast<int>(xpy.pydebug_build));
     if (!bind_version_slots()) {

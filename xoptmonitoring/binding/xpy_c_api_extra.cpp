@@ -62,9 +62,7 @@ bool fill_slots(PyModuleDef_Slot* slots, const XPyModuleDef& module) {
         next->value = value;
         ++next;
     };
-    const auto flag_value = [](std::int32_t flag) {
-        return reinterpret_cast<void*>(static_cast<std::intptr_t>(flag));
-    };
+    const auto flag_value = [](std::int32_t flag) { return reinterpret_cast<void*>(static_cast<std::intptr_t>(flag)); };
     if (module.m_create != nullptr) {
         add(Py_mod_create, reinterpret_cast<void*>(module.m_create));
     }
@@ -86,8 +84,7 @@ bool fill_slots(PyModuleDef_Slot* slots, const XPyModuleDef& module) {
 }
 
 bool is_minor_between(int first, int last) {
-    return xpy.initialized != 0 && xpy.major_version == 3 && xpy.minor_version >= first &&
-           xpy.minor_version <= last;
+    return xpy.initialized != 0 && xpy.major_version == 3 && xpy.minor_version >= first && xpy.minor_version <= last;
 }
 
 /// The interpreter that runs the calling thread, or null where the thread has none.
@@ -108,8 +105,7 @@ XPyEvalFrameNoThreadState* eval_frame_field() {
     if (interpreter == nullptr) {
         return nullptr;
     }
-    return XPy_GetFieldAddress<XPyEvalFrameNoThreadState>(interpreter,
-                                                          xpy.interpreter_state_offsets.eval_frame);
+    return XPy_GetFieldAddress<XPyEvalFrameNoThreadState>(interpreter, xpy.interpreter_state_offsets.eval_frame);
 }
 
 /// The frame-evaluation function of 3.9 to 3.11, read by the interpreter's own getter.
@@ -125,8 +121,7 @@ Function get_eval_frame() {
 template <class Function>
 int set_eval_frame(Function function) {
     PyInterpreterState* interpreter = current_interpreter();
-    if (interpreter == nullptr || xpy._PyInterpreterState_SetEvalFrameFunc == nullptr ||
-        function == nullptr) {
+    if (interpreter == nullptr || xpy._PyInterpreterState_SetEvalFrameFunc == nullptr || function == nullptr) {
         return -1;
     }
     xpy._PyInterpreterState_SetEvalFrameFunc(interpreter, reinterpret_cast<void*>(function));
@@ -156,10 +151,8 @@ PyModuleDefBlock* XPy_CreatePy3ModuleDef(XPyModuleDef* xpy_mod_def) {
         return nullptr;
     }
     const XPyModuleDef& module = *xpy_mod_def;
-    if (!write_field(definition, "m_name", module.m_name) ||
-        !write_field(definition, "m_doc", module.m_doc) ||
-        !write_field(definition, "m_size", module.m_size) ||
-        !write_field(definition, "m_methods", module.m_methods)) {
+    if (!write_field(definition, "m_name", module.m_name) || !write_field(definition, "m_doc", module.m_doc) ||
+        !write_field(definition, "m_size", module.m_size) || !write_field(definition, "m_methods", module.m_methods)) {
         return nullptr;
     }
     if (xpy.minor_version < 5) {
@@ -171,8 +164,7 @@ PyModuleDefBlock* XPy_CreatePy3ModuleDef(XPyModuleDef* xpy_mod_def) {
         return static_cast<PyModuleDefBlock*>(definition.keep());
     }
     if (!write_field(definition, "m_traverse", module.m_traverse) ||
-        !write_field(definition, "m_clear", module.m_clear) ||
-        !write_field(definition, "m_free", module.m_free)) {
+        !write_field(definition, "m_clear", module.m_clear) || !write_field(definition, "m_free", module.m_free)) {
         return nullptr;
     }
     if (fill_slots(static_cast<PyModuleDef_Slot*>(slots.get()), module)) {
@@ -243,8 +235,7 @@ int XPy_SetEvalFrameFunctionPyInterpreterFrame(XPyEvalFramePyInterpreterFrame fu
 
 int XPy_SetDPrintfFile(PyObject* py_file, int fileno, void* win32_handle) {
     if (xpy.initialized == 0) {
-        do_dp_no_py(gDP.core,
-                    "XPy_SetDPrintfFile() called when global_XPy_C_API_Data.initialized is false\n");
+        do_dp_no_py(gDP.core, "XPy_SetDPrintfFile() called when global_XPy_C_API_Data.initialized is false\n");
         return 0;
     }
     init_dp_data(&gDP, 0);

@@ -88,8 +88,7 @@ const char* Backup_PyUnicode_AsString(PyObject* text) {
 
 void* Backup_PyObject_GetTypeData(PyObject* object, PyTypeObject* type) {
     const XPyTypeObjectOffsets& offsets = xpy.typeobject_offsets;
-    PyTypeObject* base =
-        offsets.tp_base == -1 ? nullptr : *XPy_GetFieldAddress<PyTypeObject*>(type, offsets.tp_base);
+    PyTypeObject* base = offsets.tp_base == -1 ? nullptr : *XPy_GetFieldAddress<PyTypeObject*>(type, offsets.tp_base);
     if (base == nullptr || offsets.tp_basicsize == -1) {
         raise_not_available("PyObject_GetTypeData not available");
         return nullptr;
@@ -114,8 +113,7 @@ int Backup_PyFrame_GetLineNumber(PyObject* frame) {
     const Ref number = Ref::steal(xpy.PyObject_GetAttrString(frame, "f_lineno"));
     Py_ssize_t line = -1;
     if (number) {
-        line = xpy.PyInt_AsSsize_t != nullptr ? xpy.PyInt_AsSsize_t(number.get())
-                                              : xpy.PyLong_AsSsize_t(number.get());
+        line = xpy.PyInt_AsSsize_t != nullptr ? xpy.PyInt_AsSsize_t(number.get()) : xpy.PyLong_AsSsize_t(number.get());
     }
     if (xpy.PyErr_Occurred() != nullptr) {
         xpy.PyErr_Clear();
@@ -125,8 +123,7 @@ int Backup_PyFrame_GetLineNumber(PyObject* frame) {
 }
 
 PyObject* Backup_PyFrame_GetCode(PyObject* frame) {
-    return frame_field(frame, xpy.frame_offsets.code,
-                       "PyFrame_GetCode not available and frame_offsets.code not set");
+    return frame_field(frame, xpy.frame_offsets.code, "PyFrame_GetCode not available and frame_offsets.code not set");
 }
 
 PyObject* Backup_PyFrame_GetBuiltins(PyObject* frame) {
@@ -145,8 +142,7 @@ PyObject* Backup_PyFrame_GetLocals(PyObject* frame) {
 }
 
 PyObject* Backup_PyFrame_GetBack(PyObject* frame) {
-    return frame_field(frame, xpy.frame_offsets.back,
-                       "PyFrame_GetBack not available and frame_offsets.back not set");
+    return frame_field(frame, xpy.frame_offsets.back, "PyFrame_GetBack not available and frame_offsets.back not set");
 }
 
 PyObject* Backup_PyThreadState_GetFrame(PyThreadState* tstate) {
@@ -273,8 +269,8 @@ PyObject* Backup_PyType_FromModuleAndSpec(PyObject* /*module*/, PyType_Spec* /*s
     return nullptr;
 }
 
-PyObject* Backup_PyType_FromMetaclass(PyTypeObject* /*metaclass*/, PyObject* /*module*/,
-                                      PyType_Spec* /*spec*/, PyObject* /*bases*/) {
+PyObject* Backup_PyType_FromMetaclass(PyTypeObject* /*metaclass*/, PyObject* /*module*/, PyType_Spec* /*spec*/,
+                                      PyObject* /*bases*/) {
     raise_not_available("PyType_FromMetaclass() not available before 3.12");
     return nullptr;
 }
@@ -369,8 +365,8 @@ PyObject* Backup_PyCMethod_New(PyMethodDef* /*definition*/, PyObject* /*self*/, 
 
 // ---- functions that say that they were called ----
 
-PyObject* Backup_PyObject_VectorcallDict(PyObject* /*callable*/, PyObject* const* /*args*/,
-                                         std::size_t /*nargsf*/, PyObject* /*keywords*/) {
+PyObject* Backup_PyObject_VectorcallDict(PyObject* /*callable*/, PyObject* const* /*args*/, std::size_t /*nargsf*/,
+                                         PyObject* /*keywords*/) {
     report_call("Backup_PyObject_VectorcallDict called\n");
     return nullptr;
 }
@@ -385,8 +381,7 @@ PyObject* Backup_PyThreadState_GetDict() {
     return nullptr;
 }
 
-int Backup_PyThread_acquire_lock_timed(PyThread_type_lock /*lock*/, long long /*microseconds*/,
-                                       int /*interruptible*/) {
+int Backup_PyThread_acquire_lock_timed(PyThread_type_lock /*lock*/, long long /*microseconds*/, int /*interruptible*/) {
     report_call("Backup_PyThread_acquire_lock_timed() called\n");
     return 0;
 }

@@ -188,9 +188,8 @@ void learn_interpreter_state_fields() {
         table = py3d6_interpreter_state_fields;
     } else if (is_3_between(7, 7)) {
         table = py3d7_interpreter_state_fields;
-        sizes_known =
-            fill_nested_size(py3d7_interpreter_state_fields, "core_config", py3d7_core_config_fields) &&
-            fill_nested_size(py3d7_interpreter_state_fields, "config", py3d7_main_interpreter_config_fields);
+        sizes_known = fill_nested_size(py3d7_interpreter_state_fields, "core_config", py3d7_core_config_fields) &&
+                      fill_nested_size(py3d7_interpreter_state_fields, "config", py3d7_main_interpreter_config_fields);
     } else if (is_3_between(8, 8)) {
         table = py3d8_interpreter_state_fields;
         sizes_known = fill_nested_size(py3d8_interpreter_state_fields, "config", py3d8_pyconfig_fields);
@@ -267,15 +266,13 @@ void learn_object_layout(bool free_threaded) {
     }
     header.flags = FindFieldOffsetMissingOk("ob_flags", table);
     if (xpy.pydebug_build != 0) {
-        for (std::int64_t* entry :
-             {&header.refcnt, &header.type, &header.mutex, &header.overflow, &header.flags}) {
+        for (std::int64_t* entry : {&header.refcnt, &header.type, &header.mutex, &header.overflow, &header.flags}) {
             *entry += *entry == kAbsent ? 0 : kTracingLinksSize;
         }
     }
     do_dp_no_py(gDP.core, "pyobject_offsets: refcnt=%i type=%i mutex=%i overflow=%i flags=%i\n",
-                static_cast<int>(header.refcnt), static_cast<int>(header.type),
-                static_cast<int>(header.mutex), static_cast<int>(header.overflow),
-                static_cast<int>(header.flags));
+                static_cast<int>(header.refcnt), static_cast<int>(header.type), static_cast<int>(header.mutex),
+                static_cast<int>(header.overflow), static_cast<int>(header.flags));
 
     if (xpy.major_version > 2 && xpy.minor_version > 7) {
         XPyTypeObjectOffsets& type = xpy.typeobject_offsets;
@@ -283,11 +280,10 @@ void learn_object_layout(bool free_threaded) {
         type.tp_vectorcall_offset = FindFieldOffset("tp_vectorcall_offset", typeobject_fields);
         type.tp_flags = FindFieldOffset("tp_flags", typeobject_fields);
         type.tp_base = FindFieldOffset("tp_base", typeobject_fields);
-        do_dp_no_py(
-            gDP.core,
-            "typeobject: tp_basicsize offset = %i, tp_vectorcall_offset offset = %i, max_align = %i\n",
-            static_cast<int>(type.tp_basicsize), static_cast<int>(type.tp_vectorcall_offset),
-            static_cast<int>(xpy.max_align));
+        do_dp_no_py(gDP.core,
+                    "typeobject: tp_basicsize offset = %i, tp_vectorcall_offset offset = %i, max_align = %i\n",
+                    static_cast<int>(type.tp_basicsize), static_cast<int>(type.tp_vectorcall_offset),
+                    static_cast<int>(xpy.max_align));
     }
 }
 

@@ -19,7 +19,8 @@ namespace {
 using Data = InitialCallbackData;
 using ClassData = InitialCallbackClassData;
 
-#define FIELD(name, type, flags, doc) {#name, FieldType::type, offsetof(Data, name), flags, doc}
+#define FIELD(name, type, flags, doc) \
+    { #name, FieldType::type, offsetof(Data, name), flags, doc }
 constexpr FieldDecl kFields[] = {
     FIELD(_fEventId, Int, 0, "The sys.monitoring event id that this instance serves."),
     FIELD(_fSecondCallback, Object, kFinalField, "The tracer's callable for events of interest; set once."),
@@ -42,16 +43,16 @@ XPY_COLD bool log_called(ModuleState& m, PyObject* self, PyObject* code_object) 
     if (!second_callback) {
         return false;
     }
-    return write_log_line(m, Ref::steal(xpy.PyUnicode_FromFormat(
-                                 "%U%R%U%U%R%U", m.literals.initial_callback_called, code_object,
-                                 m.literals.semicolon_newline, m.literals.second_callback_is, second_callback.get(),
-                                 m.literals.newline)));
+    return write_log_line(
+        m, Ref::steal(xpy.PyUnicode_FromFormat("%U%R%U%U%R%U", m.literals.initial_callback_called, code_object,
+                                               m.literals.semicolon_newline, m.literals.second_callback_is,
+                                               second_callback.get(), m.literals.newline)));
 }
 
 /// Logs that the second stage is about to be called.
 XPY_COLD bool log_calling(ModuleState& m, PyObject* second_callback) {
-    return write_log_line(m, Ref::steal(xpy.PyUnicode_FromFormat("%U%R%U", m.literals.calling, second_callback,
-                                                                 m.literals.newline)));
+    return write_log_line(
+        m, Ref::steal(xpy.PyUnicode_FromFormat("%U%R%U", m.literals.calling, second_callback, m.literals.newline)));
 }
 
 /// Calls the second stage with the interpreter's own arguments.
@@ -60,8 +61,7 @@ Ref call_second(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_
     if (!second_callback || (is_logging_first_stage(m) && !log_calling(m, second_callback.get()))) {
         return {};
     }
-    return Ref::steal(
-        xpy.PyObject_Vectorcall(second_callback.get(), args, static_cast<std::size_t>(nargs), nullptr));
+    return Ref::steal(xpy.PyObject_Vectorcall(second_callback.get(), args, static_cast<std::size_t>(nargs), nullptr));
 }
 
 /// Hands the pending exception to the debugger's log and answers None: an exception that reached the interpreter's
@@ -79,8 +79,8 @@ PyObject* call_callback(ModuleState& m, PyObject* self, PyObject* const* args, P
     return check_callback_arguments(nargs, kwnames) ? Callback(m, self, args, nargs) : nullptr;
 }
 
-#define CALLBACK_DOC                                                                                              \
-    "The sys.monitoring callback: decides whether the event is of interest and calls the second callback with\n" \
+#define CALLBACK_DOC                                                                                                \
+    "The sys.monitoring callback: decides whether the event is of interest and calls the second callback with\n"    \
     "`code_object` and the event's other arguments where it is. Returns kSysMonitoringDisable, None, or what the\n" \
     "second callback returns. An exception on the way goes to the debugger's log, and None is returned."
 
@@ -153,11 +153,13 @@ constexpr FunctionDecl kMethods[] = {
      "interest, `can_return_disable` whether locations of internal code may be switched off for good. Raises\n"
      "AttributeError where the instance has been initialised before.",
      Binding::Instance},
-    {"_IsInitialCallbackLogging", {},
+    {"_IsInitialCallbackLogging",
+     {},
      [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
          return new_bool(_IsInitialCallbackLogging(m));
      },
-     "Returns whether a diagnostic file is set, a bool; the mask is looked at for each line.", Binding::Instance},
+     "Returns whether a diagnostic file is set, a bool; the mask is looked at for each line.",
+     Binding::Instance},
     {"Callback", kCallbackParams, nullptr, CALLBACK_DOC, Binding::Instance, call_callback, bind_callback},
     {"_SkipDetermination", kDeterminationParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
@@ -172,8 +174,7 @@ constexpr FunctionDecl kMethods[] = {
          if (!check_per_code_object(m, args[1].object) || per_thread::checked_data(m, args[2].object) == nullptr) {
              return Ref();
          }
-         HeldEvent event(
-             {self, data(self), args[0].object, args[3].object, args[1].object, args[2].object});
+         HeldEvent event({self, data(self), args[0].object, args[3].object, args[1].object, args[2].object});
          const Answer answer = _SkipSecondCallback(m, event);
          return answer == Answer::Failed ? Ref() : new_bool(answer == Answer::Skip);
      },
@@ -185,11 +186,11 @@ constexpr FunctionDecl kMethods[] = {
          return __GetPerCodeObjectCalledFromCallback(m, args[0].object);
      },
      "Returns the CPerCodeObject of `code_object`, made where it is missing.", Binding::Instance},
-    {"_CInitialCallback__GetPerThreadCalledFromCallback", {},
-     [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
-         return __GetPerThreadCalledFromCallback(m);
-     },
-     "Returns the calling thread's CPerThread, made where it is missing.", Binding::Instance},
+    {"_CInitialCallback__GetPerThreadCalledFromCallback",
+     {},
+     [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) { return __GetPerThreadCalledFromCallback(m); },
+     "Returns the calling thread's CPerThread, made where it is missing.",
+     Binding::Instance},
     {"_SuspendIfNeeded", kPerThreadParams,
      [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
          return _SuspendIfNeeded(m, args[0].object) ? new_none() : Ref();
@@ -202,7 +203,11 @@ constexpr ClassDecl kClass = {
     CLASS_NAMES(CInitialCallback),
     "The first stage of a monitored event: its Callback is registered with sys.monitoring and calls the tracer's\n"
     "second callback only for events of interest.",
-    sizeof(Data), kFields, sizeof(ClassData), kClassFields, kMethods};
+    sizeof(Data),
+    kFields,
+    sizeof(ClassData),
+    kClassFields,
+    kMethods};
 
 /// The answer to an event that the fast road could not answer, with everything held that Python code could take away.
 XPY_COLD PyObject* answer_carefully(ModuleState& m, PyObject* self, const Event& seen, PyObject* const* args,

@@ -36,8 +36,8 @@ bool adopt_process(ModuleState& m) {
 Ref reset(ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
     store_global(m, m.globals._gDPrintfFile, new_none());
     store_global(m, m.globals._gDPrintfMask, 0);
-    const bool done =
-        adopt_process(m) && reset_pathnames(m) && per_file::reset(m) && per_code_object::reset(m) && per_thread::reset(m);
+    const bool done = adopt_process(m) && reset_pathnames(m) && per_file::reset(m) && per_code_object::reset(m) &&
+                      per_thread::reset(m);
     return done ? new_none() : Ref();
 }
 
@@ -62,13 +62,17 @@ constexpr ParamDecl kBenchParams[] = {{"callback"}, {"code_object"}, {"n", Value
 }  // namespace
 
 const FunctionDecl kReset = {
-    "reset", {}, reset,
+    "reset",
+    {},
+    reset,
     "reset()\n\n"
     "Returns the module to the state that it had after import: no diagnostic output, no records, no callbacks, no\n"
     "internal pathnames. Records in the slots of code objects stay with them. Returns None."};
 
 const FunctionDecl kUpdateThisProcessPid = {
-    "UpdateThisProcessPid", {}, update_pid,
+    "UpdateThisProcessPid",
+    {},
+    update_pid,
     "UpdateThisProcessPid()\n\n"
     "Makes events of this process count again, in a forked child. Returns None."};
 

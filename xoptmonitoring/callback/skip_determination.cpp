@@ -161,8 +161,7 @@ struct FastRoad {
 /// Whether a LINE event may be filtered by the code object's breakpoints alone.
 bool is_line_filter_on(const ModuleState& m, const InitialCallbackData& callback,
                        const PerCodeObjectData& per_code_object) {
-    return load_word(callback._fEventId) == m.globals.kPyLineEventId &&
-           load_word(callback.fAnySuspendThread) == 0 &&
+    return load_word(callback._fEventId) == m.globals.kPyLineEventId && load_word(callback.fAnySuspendThread) == 0 &&
            load_word(callback.fSteppingEventsNeededEveryThread) == 0 &&
            load_word(per_code_object.fSteppingEventsNeededCount) == 0;
 }
@@ -190,8 +189,7 @@ Answer decide_second(ModuleState& m, typename Road::RoadEvent& event) {
     if (!is_known_event(m.globals, event_id)) {
         return Answer::Call;
     }
-    const Step stepping =
-        Road::is_true(event.per_thread, per_thread::data(event.per_thread).fSteppingEventsNeeded);
+    const Step stepping = Road::is_true(event.per_thread, per_thread::data(event.per_thread).fSteppingEventsNeeded);
     if (stepping != Step::No) {
         return stepping == Step::Yes ? Answer::Call : Road::kStop;
     }
@@ -289,8 +287,7 @@ bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread) {
         !log_suspension(m, per_thread, m.literals.suspend_lock_acquired)) {
         return false;
     }
-    return call_method(lock.get(), m.names.release) &&
-           log_suspension(m, per_thread, m.literals.suspend_lock_released);
+    return call_method(lock.get(), m.names.release) && log_suspension(m, per_thread, m.literals.suspend_lock_released);
 }
 
 }  // namespace initial_callback

@@ -350,8 +350,7 @@ bool code_integer(PyObject* code, const char* name, Py_ssize_t* number) {
     if (!value) {
         return false;
     }
-    *number =
-        xpy.PyInt_AsSsize_t != nullptr ? xpy.PyInt_AsSsize_t(value.get()) : xpy.PyLong_AsSsize_t(value.get());
+    *number = xpy.PyInt_AsSsize_t != nullptr ? xpy.PyInt_AsSsize_t(value.get()) : xpy.PyLong_AsSsize_t(value.get());
     if (xpy.PyErr_Occurred() != nullptr) {
         xpy.PyErr_Clear();
         return false;
@@ -637,6 +636,5 @@ const char* dprint_check_pystr(PyObject* o) {
         return "(non-PyString PyObject*)";
     }
     const SavedException saved;
-    return dprint_check_str(xpy.PyString_AsString != nullptr ? xpy.PyString_AsString(o)
-                                                             : xpy.PyUnicode_AsString(o));
+    return dprint_check_str(xpy.PyString_AsString != nullptr ? xpy.PyString_AsString(o) : xpy.PyUnicode_AsString(o));
 }

@@ -73,9 +73,9 @@ Ref import_member(ModuleState& m, PyObject* package, PyObject* member, long leve
     const Ref globals = import_globals(m);
     const Ref from_list = globals ? Ref::steal(xpy.Py_BuildValue("[O]", member)) : Ref();
     const Ref level_number = from_list ? new_int(level) : Ref();
-    const Ref module = level_number ? call(m.builtins.__import__, package, globals.get(), none(), from_list.get(),
-                                           level_number.get())
-                                    : Ref();
+    const Ref module =
+        level_number ? call(m.builtins.__import__, package, globals.get(), none(), from_list.get(), level_number.get())
+                     : Ref();
     return module ? get_attr(module.get(), member) : Ref();
 }
 
@@ -96,8 +96,8 @@ bool import_companions(ModuleState& m) {
     if (on_win32 < 0) {
         return false;
     }
-    return SET_FINAL(win32, on_win32 != 0 ? import_member(m, m.names.vornbase, m.literals.win32_platform, 0)
-                                          : new_none());
+    return SET_FINAL(win32,
+                     on_win32 != 0 ? import_member(m, m.names.vornbase, m.literals.win32_platform, 0) : new_none());
 }
 
 // ---- constants ----
@@ -166,8 +166,10 @@ constexpr FunctionRow kInterpreterFunctions[] = {
 };
 
 constexpr FunctionRow kDiagnosticFunctions[] = {
-    {&G::set_dprintf_file, &kSetDprintfFile},   {&G::set_dprintf_mask, &kSetDprintfMask},
-    {&G::get_dprintf_mask, &kGetDprintfMask},   {&G::dprintf, &kDprintf},
+    {&G::set_dprintf_file, &kSetDprintfFile},
+    {&G::set_dprintf_mask, &kSetDprintfMask},
+    {&G::get_dprintf_mask, &kGetDprintfMask},
+    {&G::dprintf, &kDprintf},
     {&G::_CallNewObjectCallback, &kCallNewObjectCallback},
 };
 
@@ -246,8 +248,8 @@ bool finish(ModuleState& m) {
 
 bool execute(ModuleState& m) {
     return create_internal_types(m) && fill_tables(m) && import_standard_modules(m) && import_companions(m) &&
-           set_constants(m) && add_functions(m, kInterpreterFunctions) && set_process_globals(m) &&
-           create_records(m) && create_pathnames(m) && finish(m);
+           set_constants(m) && add_functions(m, kInterpreterFunctions) && set_process_globals(m) && create_records(m) &&
+           create_pathnames(m) && finish(m);
 }
 
 /// Names the interpreter entry points without which execution cannot even begin; older interpreters lack some.

@@ -145,8 +145,8 @@ Ref create_module_type() {
         {Py_tp_methods, module_methods},
         {0, nullptr},
     };
-    PyType_Spec spec = {"xoptmonitoring._ModuleSubclass_xoptmonitoring", 0, 0,
-                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, slots};
+    PyType_Spec spec = {"xoptmonitoring._ModuleSubclass_xoptmonitoring", 0, 0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC,
+                        slots};
     const Ref bases = Ref::steal(xpy.Py_BuildValue("(O)", xpy.PyModule_Type_ptr));
     return bases ? Ref::steal(xpy.PyType_FromSpecWithBases(&spec, bases.get())) : Ref();
 }

@@ -18,7 +18,8 @@ constexpr Py_ssize_t kTtlSeconds = 3;
 /// A UNC name is complete once a fourth separator closes server and share.
 constexpr int kUncSeparators = 4;
 
-#define FIELD(name, doc) {#name, FieldType::Object, offsetof(Data, name), 0, doc}
+#define FIELD(name, doc) \
+    { #name, FieldType::Object, offsetof(Data, name), 0, doc }
 constexpr FieldDecl kFields[] = {
     FIELD(fByName, "dict: absolute name -> canonical pathname."),
     FIELD(fByUniqueFileno, "dict: (st_dev, st_ino) of the file -> canonical pathname."),
@@ -59,13 +60,21 @@ struct Found {
     }
 };
 
-/// What an index holds for a key, None included.
+/// What an index holds for a key, None included. A dictionary is asked once: another thread may be emptying it.
 Found held_by(PyObject* self, PyObject* Data::*slot, PyObject* key) {
     const Ref dict = field(self, slot);
     Found found(dict ? new_none() : Ref());
-    const int holds = dict ? contains(dict.get(), key) : -1;
-    if (holds > 0) {
-        found.value = Ref::steal(xpy.PyObject_GetItem(dict.get(), key));
+    if (!dict) {
+        return found;
+    }
+    int holds = 0;
+    if (type_of(dict.get()) == xpy.PyDict_Type_ptr) {
+        PyObject* held = nullptr;
+        holds = xpy.PyDict_GetItemRef(dict.get(), key, &held);
+        found.value = Ref::steal(held);
+    } else {
+        holds = contains(dict.get(), key);
+        found.value = holds > 0 ? Ref::steal(xpy.PyObject_GetItem(dict.get(), key)) : Ref();
     }
     found.failed = holds < 0 || (holds > 0 && !found.value);
     return found;
@@ -405,8 +414,7 @@ Ref Get(ModuleState& m, PyObject* self, PyObject* pathname, PyObject* checksum) 
 }
 
 bool initialise(PyObject* self) {
-    for (PyObject* Data::*slot :
-         {&Data::fByName, &Data::fByUniqueFileno, &Data::fByChecksum, &Data::fNotFoundCache}) {
+    for (PyObject* Data::*slot : {&Data::fByName, &Data::fByUniqueFileno, &Data::fByChecksum, &Data::fNotFoundCache}) {
         Ref dict = Ref::steal(xpy.PyDict_New());
         if (!dict) {
             return false;
@@ -427,18 +435,20 @@ Ref bool_or_error(int answer) {
 
 constexpr ParamDecl kPathname[] = {{"pathname", ValueType::Str}};
 constexpr ParamDecl kAbsPathname[] = {{"abs_pathname", ValueType::Str}};
-constexpr ParamDecl kLookupParams[] = {{"pathname", ValueType::Str},
-                                       {"checksum", ValueType::StrOrNone, Default::None}};
+constexpr ParamDecl kLookupParams[] = {{"pathname", ValueType::Str}, {"checksum", ValueType::StrOrNone, Default::None}};
 constexpr ParamDecl kRegisterParams[] = {{"pathname", ValueType::Str},
                                          {"checksum", ValueType::StrOrNone, Default::None},
                                          {"kind", ValueType::IntOrNone, Default::None}};
 constexpr ParamDecl kCallbackParams[] = {{"callback"}};
 
 constexpr FunctionDecl kMethods[] = {
-    {"__init__", {},
+    {"__init__",
+     {},
      [](ModuleState& /*m*/, PyObject* self, const Argument* /*args*/) { return none_or_error(initialise(self)); },
-     "Makes a manager with empty indexes and no checksum callback.", Binding::Instance},
-    {"Reset", {},
+     "Makes a manager with empty indexes and no checksum callback.",
+     Binding::Instance},
+    {"Reset",
+     {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) { return none_or_error(Reset(m, self)); },
      "Empties the indexes and the not-found cache, in place, and drops the checksum callback. Returns None.",
      Binding::Instance},
@@ -489,9 +499,7 @@ constexpr FunctionDecl kMethods[] = {
      "name.",
      Binding::Instance},
     {"Get", kLookupParams,
-     [](ModuleState& m, PyObject* self, const Argument* args) {
-         return Get(m, self, args[0].object, args[1].object);
-     },
+     [](ModuleState& m, PyObject* self, const Argument* args) { return Get(m, self, args[0].object, args[1].object); },
      "Returns what Lookup finds for `pathname` and `checksum`, or registers the name. None for a pseudo name.",
      Binding::Instance},
     {"SetChecksumCallback", kCallbackParams,
@@ -501,11 +509,11 @@ constexpr FunctionDecl kMethods[] = {
      },
      "Sets the callable that gives a pathname's checksum; `callback` None switches checksums off. Returns None.",
      Binding::Instance},
-    {"GetChecksumCallback", {},
-     [](ModuleState& /*m*/, PyObject* self, const Argument* /*args*/) {
-         return field(self, &Data::fChecksumCallback);
-     },
-     "Returns the checksum callback, or None.", Binding::Instance},
+    {"GetChecksumCallback",
+     {},
+     [](ModuleState& /*m*/, PyObject* self, const Argument* /*args*/) { return field(self, &Data::fChecksumCallback); },
+     "Returns the checksum callback, or None.",
+     Binding::Instance},
     {"GetChecksumForPathname", kPathname,
      [](ModuleState& m, PyObject* self, const Argument* args) {
          return GetChecksumForPathname(m, self, args[0].object);
@@ -519,7 +527,11 @@ constexpr ClassDecl kClass = {
     CLASS_NAMES(_CCanonicalPathnameMgr),
     "Maps every name of a source file to one canonical pathname: by absolute name, by the file's identity on disk\n"
     "and by content checksum.",
-    sizeof(Data), kFields, sizeof(ClassData), kClassFields, kMethods};
+    sizeof(Data),
+    kFields,
+    sizeof(ClassData),
+    kClassFields,
+    kMethods};
 
 }  // namespace
 
@@ -532,8 +544,7 @@ Ref GetChecksumForPathname(ModuleState& /*m*/, PyObject* self, PyObject* pathnam
 }
 
 bool Reset(ModuleState& m, PyObject* self) {
-    for (PyObject* Data::*slot :
-         {&Data::fByName, &Data::fByUniqueFileno, &Data::fByChecksum, &Data::fNotFoundCache}) {
+    for (PyObject* Data::*slot : {&Data::fByName, &Data::fByUniqueFileno, &Data::fByChecksum, &Data::fNotFoundCache}) {
         const Ref dict = field(self, slot);
         if (!dict || !call_method(dict.get(), m.names.clear)) {
             return false;

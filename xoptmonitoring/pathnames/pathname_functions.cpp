@@ -12,8 +12,7 @@ Ref forward(ModuleState& m, PyObject* method, Args... args) {
     return mgr ? call_method(mgr.get(), method, args...) : Ref();
 }
 
-constexpr ParamDecl kLookupParams[] = {{"pathname", ValueType::Str},
-                                       {"checksum", ValueType::StrOrNone, Default::None}};
+constexpr ParamDecl kLookupParams[] = {{"pathname", ValueType::Str}, {"checksum", ValueType::StrOrNone, Default::None}};
 constexpr ParamDecl kRegisterParams[] = {{"pathname", ValueType::Str},
                                          {"checksum", ValueType::StrOrNone, Default::None},
                                          {"kind", ValueType::IntOrNone, Default::None}};
@@ -68,12 +67,12 @@ const FunctionDecl kSetChecksumCallback = {
     "Sets the callable that is given a pathname and returns its checksum, a str, or None. `callback` None switches\n"
     "checksums off. Returns None."};
 
-const FunctionDecl kGetChecksumCallback = {
-    "get_checksum_callback", {},
-    [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
-        return forward(m, m.names.GetChecksumCallback);
-    },
-    "get_checksum_callback()\n\nReturns the checksum callback, or None."};
+const FunctionDecl kGetChecksumCallback = {"get_checksum_callback",
+                                           {},
+                                           [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
+                                               return forward(m, m.names.GetChecksumCallback);
+                                           },
+                                           "get_checksum_callback()\n\nReturns the checksum callback, or None."};
 
 const FunctionDecl kGetChecksumForPathname = {
     "_get_checksum_for_pathname", kPathname,

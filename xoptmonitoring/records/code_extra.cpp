@@ -27,8 +27,7 @@ bool is_own_code_extra_index(Py_ssize_t index) {
 }
 
 Py_ssize_t request_code_extra_index() {
-    const Py_ssize_t index =
-        xpy.PyUnstable_Eval_RequestCodeExtraIndex(reinterpret_cast<freefunc>(xpy.Py_DecRef));
+    const Py_ssize_t index = xpy.PyUnstable_Eval_RequestCodeExtraIndex(reinterpret_cast<freefunc>(xpy.Py_DecRef));
     if (index < 0 || index >= kMaxIndexes) {
         return -1;
     }
@@ -97,8 +96,7 @@ Ref get_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
 
 Ref set_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
     bool kept = false;
-    const bool done =
-        set_code_extra(slots_guard(m), args[0].object, args[1].integer, args[2].object, nullptr, &kept);
+    const bool done = set_code_extra(slots_guard(m), args[0].object, args[1].integer, args[2].object, nullptr, &kept);
     return done ? new_none() : Ref();
 }
 
@@ -108,7 +106,9 @@ constexpr ParamDecl kSetParams[] = {{"code_object"}, {"index", ValueType::Intege
 }  // namespace
 
 const FunctionDecl kCodeRequestExtraIndexForOwnedRef = {
-    "_Code_RequestExtraIndexForOwnedRef", {}, request_index,
+    "_Code_RequestExtraIndexForOwnedRef",
+    {},
+    request_index,
     "_Code_RequestExtraIndexForOwnedRef()\n\n"
     "Reserves a slot in every code object that owns a reference to what is stored there. Returns its index, an int,\n"
     "or -1 where no slot is to be had."};

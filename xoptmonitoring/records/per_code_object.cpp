@@ -23,7 +23,8 @@ using ClassData = PerCodeObjectClassData;
 /// How many frames outside the given one are searched for the frame that runs a frozen module's code.
 constexpr int kDepthGuard = 100;
 
-#define FIELD(name, type, doc) {#name, FieldType::type, offsetof(Data, name), 0, doc}
+#define FIELD(name, type, doc) \
+    { #name, FieldType::type, offsetof(Data, name), 0, doc }
 constexpr FieldDecl kFields[] = {
     FIELD(fCodeObjectWeakRef, Object, "Weak reference to the code object."),
     FIELD(fPathnameToReport, Object, "The pathname under which the debugger reports this code."),
@@ -37,7 +38,8 @@ constexpr FieldDecl kFields[] = {
 };
 #undef FIELD
 
-#define FIELD(name, type, doc) {#name, FieldType::type, offsetof(ClassData, name), 0, doc}
+#define FIELD(name, type, doc) \
+    { #name, FieldType::type, offsetof(ClassData, name), 0, doc }
 constexpr FieldDecl kClassFields[] = {
     FIELD(_fPerCodeObjectDict, Dict, "dict: weak reference to code object -> record; used where there is no slot."),
     FIELD(_fCodeObjectExtraIndex, Int, "Index of the code-extra slot that holds the records, or -1."),
@@ -86,8 +88,7 @@ bool store_record(ModuleState& m, PyTypeObject* cls, PyObject* code_object, PyOb
     Data* record = record_data<Data>(per_code_object, cls, "CPerCodeObject");
     const Ref ref = record != nullptr ? load_field(per_code_object, record->fCodeObjectWeakRef) : Ref();
     const Ref registry = ref ? load_class_slot(cls, &ClassData::_fPerCodeObjectDict) : Ref();
-    const Ref winner =
-        registry ? call_method(registry.get(), m.names.setdefault, ref.get(), per_code_object) : Ref();
+    const Ref winner = registry ? call_method(registry.get(), m.names.setdefault, ref.get(), per_code_object) : Ref();
     if (!winner || winner.get() == per_code_object) {
         return static_cast<bool>(winner);
     }
@@ -192,8 +193,8 @@ Ref frozen_pathname(ModuleState& m, PyObject* code_object, PyObject* frame, Ref 
 /// Truth of the name ending like a compiled file, in any case: 1, 0, or -1.
 int is_compiled_name(ModuleState& m, PyObject* pathname) {
     const Ref lowered = call_method(pathname, m.names.lower);
-    const Ref endings = lowered ? Ref::steal(xpy.Py_BuildValue("(OO)", m.literals.pyc_ending, m.literals.pyo_ending))
-                                : Ref();
+    const Ref endings =
+        lowered ? Ref::steal(xpy.Py_BuildValue("(OO)", m.literals.pyc_ending, m.literals.pyo_ending)) : Ref();
     const Ref answer = endings ? call_method(lowered.get(), m.names.endswith, endings.get()) : Ref();
     return answer ? xpy.PyObject_IsTrue(answer.get()) : -1;
 }
@@ -220,12 +221,10 @@ Ref reported_form(ModuleState& m, int kind, Ref pathname) {
 bool initialise(ModuleState& m, PyObject* self, PyObject* code_object, PyObject* frame_for_pathnames) {
     const bool update_pathname_needed = frame_for_pathnames == none();
     Ref pathname_to_report = _GetPathnameToUse(m, code_object, frame_for_pathnames, false);
-    Ref canonical_pathname =
-        pathname_to_report ? _GetPathnameToUse(m, code_object, frame_for_pathnames, true) : Ref();
+    Ref canonical_pathname = pathname_to_report ? _GetPathnameToUse(m, code_object, frame_for_pathnames, true) : Ref();
     const Ref weakref = canonical_pathname ? load_global(m, m.globals.weakref) : Ref();
     const Ref on_death = weakref ? get_attr(self, m.names._cb_code_object_dealloc) : Ref();
-    Ref reference =
-        on_death ? call_method(weakref.get(), m.names.ref, code_object, on_death.get()) : Ref();
+    Ref reference = on_death ? call_method(weakref.get(), m.names.ref, code_object, on_death.get()) : Ref();
     if (!reference) {
         return false;
     }
@@ -340,8 +339,8 @@ constexpr FunctionDecl kMethods[] = {
      Binding::Class},
     {"SetNewPerCodeObjectCreatedCallback", kCallbackParams,
      [](ModuleState& /*m*/, PyObject* cls, const Argument* args) {
-         return none_or_error(
-             xpy.PyObject_SetAttrString(cls, "_fNewPerCodeObjectCreatedCallback", args[0].object) == 0);
+         return none_or_error(xpy.PyObject_SetAttrString(cls, "_fNewPerCodeObjectCreatedCallback", args[0].object) ==
+                              0);
      },
      "Sets the callable that is given each new record, untraced; `callback` None switches that off. Returns None.",
      Binding::Class},
@@ -378,14 +377,18 @@ constexpr FunctionDecl kMethods[] = {
      "Makes, registers and announces the record of `code_object`; `frame_for_pathnames` is a frame that runs it, or\n"
      "None. Raises what the callbacks raise.",
      Binding::Instance},
-    {"_AddToPerFile", {},
+    {"_AddToPerFile",
+     {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) { return none_or_error(_AddToPerFile(m, self)); },
-     "Enters this record into the per-file record of its canonical pathname. Returns None.", Binding::Instance},
-    {"_DiscardFromPerFile", {},
+     "Enters this record into the per-file record of its canonical pathname. Returns None.",
+     Binding::Instance},
+    {"_DiscardFromPerFile",
+     {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
          return none_or_error(_DiscardFromPerFile(m, self));
      },
-     "Takes this record out of the per-file record of its canonical pathname. Returns None.", Binding::Instance},
+     "Takes this record out of the per-file record of its canonical pathname. Returns None.",
+     Binding::Instance},
     {"_cb_code_object_dealloc", kCodeParams,
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
          return none_or_error(_cb_code_object_dealloc(m, self));
@@ -405,7 +408,11 @@ constexpr ClassDecl kClass = {
     CLASS_NAMES(CPerCodeObject),
     "The record of one code object: its pathnames, the lines with enabled breakpoints, and which events of it are\n"
     "wanted.",
-    sizeof(Data), kFields, sizeof(ClassData), kClassFields, kMethods};
+    sizeof(Data),
+    kFields,
+    sizeof(ClassData),
+    kClassFields,
+    kMethods};
 
 }  // namespace
 
@@ -445,8 +452,7 @@ Ref GetPerCodeObject(ModuleState& m, PyObject* code_object, bool create_missing,
         }
         return registered;
     }
-    if (frame != none() &&
-        __atomic_load_n(&data(per_code_object.get()).fUpdatePathnameNeeded, __ATOMIC_RELAXED) != 0 &&
+    if (frame != none() && __atomic_load_n(&data(per_code_object.get()).fUpdatePathnameNeeded, __ATOMIC_RELAXED) != 0 &&
         !_UpdatePathnameFromFrame(m, per_code_object.get(), frame)) {
         return {};
     }

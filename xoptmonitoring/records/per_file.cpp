@@ -14,7 +14,8 @@ namespace {
 using Data = PerFileData;
 using ClassData = PerFileClassData;
 
-#define FIELD(name, doc) {#name, FieldType::Object, offsetof(Data, name), 0, doc}
+#define FIELD(name, doc) \
+    { #name, FieldType::Object, offsetof(Data, name), 0, doc }
 constexpr FieldDecl kFields[] = {
     FIELD(fCanonicalPathname, "The pathname that the record was made for; None for pseudo names."),
     FIELD(fBpSetByLineno, "dict that the tracer keeps the file's breakpoints in, by line number."),
@@ -187,16 +188,17 @@ constexpr FunctionDecl kMethods[] = {
      "Returns the set of the records whose checksum is the str `checksum`: the registry's own set, or a new empty\n"
      "one.",
      Binding::Class},
-    {"GetAllPerFiles", {},
+    {"GetAllPerFiles",
+     {},
      [](ModuleState& m, PyObject* cls, const Argument* /*args*/) {
          const Ref registry = load_class_slot(as_type(cls), &ClassData::_fPerFileDict);
          return registry ? values_snapshot(registry.get(), m.names.values) : Ref();
      },
-     "Returns a new list of all records.", Binding::Class},
+     "Returns a new list of all records.",
+     Binding::Class},
     {"SetNewPerFileCreatedCallback", kCallbackParams,
      [](ModuleState& /*m*/, PyObject* cls, const Argument* args) {
-         return none_or_error(
-             xpy.PyObject_SetAttrString(cls, "_fNewPerFileCreatedCallback", args[0].object) == 0);
+         return none_or_error(xpy.PyObject_SetAttrString(cls, "_fNewPerFileCreatedCallback", args[0].object) == 0);
      },
      "Sets the callable that is given each new record; `callback` None switches that off. Returns None.",
      Binding::Class},
@@ -207,15 +209,15 @@ constexpr FunctionDecl kMethods[] = {
      "Makes the record of `pathname`, asks for its checksum and enters it into the group of that. Raises what the\n"
      "checksum callback raises. GetPerFile also registers what it makes.",
      Binding::Instance},
-    {"UpdateChecksum", {},
+    {"UpdateChecksum",
+     {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) { return none_or_error(UpdateChecksum(m, self)); },
      "Asks for the checksum again, since the file may have changed, and moves the record to the group of the new\n"
      "one. Returns None. Raises what the checksum callback raises, and changes nothing then.",
      Binding::Instance},
     {"_UpdateByChecksum", kUpdateParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
-         return none_or_error(
-             _UpdateByChecksum(m, self, args[0].object, args[1].object == xpy._Py_TrueStruct));
+         return none_or_error(_UpdateByChecksum(m, self, args[0].object, args[1].object == xpy._Py_TrueStruct));
      },
      "Enters the record into the group of `checksum` (a str or None), or takes it out where `remove` (a bool) is\n"
      "true. Returns None.",
@@ -226,7 +228,11 @@ constexpr ClassDecl kClass = {
     CLASS_NAMES(CPerFile),
     "The record of one source file, by canonical pathname: its breakpoints, the records of its code objects and its\n"
     "content checksum.",
-    sizeof(Data), kFields, sizeof(ClassData), kClassFields, kMethods};
+    sizeof(Data),
+    kFields,
+    sizeof(ClassData),
+    kClassFields,
+    kMethods};
 
 }  // namespace
 

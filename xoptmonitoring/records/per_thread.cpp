@@ -19,7 +19,8 @@ using ClassData = PerThreadClassData;
 constexpr Py_ssize_t kPolicyUnknown = -1;
 constexpr Py_ssize_t kPolicyDebugged = 1;
 
-#define FIELD(name, type, doc) {#name, FieldType::type, offsetof(Data, name), 0, doc}
+#define FIELD(name, type, doc) \
+    { #name, FieldType::type, offsetof(Data, name), 0, doc }
 constexpr FieldDecl kFields[] = {
     FIELD(fThreadId, Object, "The thread's id, an int: the key of the registry."),
     FIELD(fOuterMostFrame, Object, "The outermost frame that the debugger tracks; set by the tracer."),
@@ -37,7 +38,8 @@ constexpr FieldDecl kFields[] = {
 };
 #undef FIELD
 
-#define FIELD(name, type, doc) {#name, FieldType::type, offsetof(ClassData, name), 0, doc}
+#define FIELD(name, type, doc) \
+    { #name, FieldType::type, offsetof(ClassData, name), 0, doc }
 constexpr FieldDecl kClassFields[] = {
     FIELD(_CCapsule, Object, "The class of the marker in a thread-state dictionary."),
     FIELD(_CCleanupSupport, Object, "The class of what cleans up a thread's record."),
@@ -95,8 +97,7 @@ bool _RegisterNewPerThread(ModuleState& m, PyObject* per_thread) {
     }
     // Only the thread itself can reach its own thread-state dictionary.
     const int is_current = is_current_thread(thread_id.get());
-    if (is_current < 0 ||
-        (is_current != 0 && !thread_exit::SetCapsuleInThreadStateDict(m, cleanup_support.get()))) {
+    if (is_current < 0 || (is_current != 0 && !thread_exit::SetCapsuleInThreadStateDict(m, cleanup_support.get()))) {
         return false;
     }
     const Ref callback = class_slot(m, &ClassData::_fNewPerThreadCreatedCallback);
@@ -161,8 +162,7 @@ bool _DiscardPerThread(ModuleState& m, PyObject* thread_id) {
     if (!leave_registries(m, thread_id, &discarded)) {
         return false;
     }
-    if (discarded.cleanup_support.get() != none() &&
-        !thread_exit::disarm(m, discarded.cleanup_support.get())) {
+    if (discarded.cleanup_support.get() != none() && !thread_exit::disarm(m, discarded.cleanup_support.get())) {
         return false;
     }
     if (discarded.per_thread.get() != none()) {
@@ -343,30 +343,35 @@ constexpr FunctionDecl kMethods[] = {
      "Sets the callable that is given a thread id and returns its debug policy, an int; `thread_policy_callback` None\n"
      "makes every thread's policy 1. Every thread is asked for anew. Returns None.",
      Binding::Class},
-    {"GetAllPerThreads", {},
+    {"GetAllPerThreads",
+     {},
      [](ModuleState& m, PyObject* cls, const Argument* /*args*/) {
          const Ref registry = load_class_slot(as_type(cls), &ClassData::_fPerThreadDict);
          return registry ? values_snapshot(registry.get(), m.names.values) : Ref();
      },
-     "Returns a new list of all records.", Binding::Class},
+     "Returns a new list of all records.",
+     Binding::Class},
     {"__init__", kInitParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
          return none_or_error(initialise(m, self, args[0].object));
      },
      "Makes, registers and announces the record of the thread `thread_id` (an int).", Binding::Instance},
-    {"_Clear", {},
+    {"_Clear",
+     {},
      [](ModuleState& /*m*/, PyObject* self, const Argument* /*args*/) {
          _Clear(self);
          return new_none();
      },
      "Drops everything that the record holds but the thread's id and its debug policy. Returns None.",
      Binding::Instance},
-    {"GetDebugPolicy", {},
+    {"GetDebugPolicy",
+     {},
      [](ModuleState& /*m*/, PyObject* self, const Argument* /*args*/) { return GetDebugPolicy(self); },
      "Returns the thread's debug policy, an int; asks the callback where it is not known. Raises what the callback\n"
      "raises.",
      Binding::Instance},
-    {"FindThreadName", {},
+    {"FindThreadName",
+     {},
      [](ModuleState& /*m*/, PyObject* self, const Argument* /*args*/) { return FindThreadName(self); },
      "Returns the thread's name; asks the callback where it is not known. None where no name is to be had.",
      Binding::Instance},
@@ -375,7 +380,11 @@ constexpr FunctionDecl kMethods[] = {
 constexpr ClassDecl kClass = {
     CLASS_NAMES(CPerThread),
     "The record of one thread: its stepping state, its debug policy and the lock that suspends it.",
-    sizeof(Data), kFields, sizeof(ClassData), kClassFields, kMethods};
+    sizeof(Data),
+    kFields,
+    sizeof(ClassData),
+    kClassFields,
+    kMethods};
 
 bool fill_class_fields(ModuleState& m, PyTypeObject* cls) {
     const auto set = [cls](PyObject* ClassData::*slot, Ref value) {

@@ -16,9 +16,8 @@ Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing);
 inline bool is_named(const ModuleState& m, PyObject* self) {
     const auto& class_fields = class_data_as<PerThreadClassData>(as_type(m.globals.CPerThread));
     PyObject* name = __atomic_load_n(&data(self).fThreadName, __ATOMIC_RELAXED);
-    return (name != none() && name != nullptr) ||
-           (name == none() && class_fields._fGetThreadNameCallback == none() &&
-            type_of(self) == as_type(m.globals.CPerThread));
+    return (name != none() && name != nullptr) || (name == none() && class_fields._fGetThreadNameCallback == none() &&
+                                                   type_of(self) == as_type(m.globals.CPerThread));
 }
 
 /// The thread's name, asked for where it is not known yet. Empty with an exception set.

@@ -170,24 +170,30 @@ constexpr FunctionDecl kCleanupMethods[] = {
      "Disarms the clean-up and lets go of its record; where `invalidate_capsule` is true, a planted capsule's death\n"
      "triggers nothing any more. Returns None.",
      Binding::Instance},
-    {"SetCapsuleInThreadStateDict", {},
+    {"SetCapsuleInThreadStateDict",
+     {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
          return none_or_error(SetCapsuleInThreadStateDict(m, self));
      },
      "Plants a capsule in the calling thread's dictionary, which must be that of the record's thread. Returns None.",
      Binding::Instance},
-    {"_InvalidateCapsule", {},
+    {"_InvalidateCapsule",
+     {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
          return none_or_error(_InvalidateCapsule(m, self));
      },
-     "Makes the death of a planted capsule trigger nothing any more. Returns None.", Binding::Instance},
-    {"_IsCapsuleDestructorBeingInvoked", {},
+     "Makes the death of a planted capsule trigger nothing any more. Returns None.",
+     Binding::Instance},
+    {"_IsCapsuleDestructorBeingInvoked",
+     {},
      [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) {
          const int invoked = _IsCapsuleDestructorBeingInvoked(m);
          return invoked < 0 ? Ref() : new_bool(invoked != 0);
      },
-     "Returns whether the calling thread is inside its own clean-up, a bool.", Binding::Class},
-    {"_CCleanupSupport__CapsuleDestructor", {},
+     "Returns whether the calling thread is inside its own clean-up, a bool.",
+     Binding::Class},
+    {"_CCleanupSupport__CapsuleDestructor",
+     {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
          return none_or_error(__CapsuleDestructor(m, self));
      },
@@ -196,14 +202,15 @@ constexpr FunctionDecl kCleanupMethods[] = {
      Binding::Instance},
 };
 
-constexpr ClassDecl kCapsuleClass = {NESTED_CLASS_NAMES(CPerThread, _CCapsule),
-                                     "The marker in a thread-state dictionary: it can be weakly referenced, and nothing else.",
-                                     0,
-                                     {},
-                                     sizeof(ClassRecord),
-                                     {},
-                                     {},
-                                     true};
+constexpr ClassDecl kCapsuleClass = {
+    NESTED_CLASS_NAMES(CPerThread, _CCapsule),
+    "The marker in a thread-state dictionary: it can be weakly referenced, and nothing else.",
+    0,
+    {},
+    sizeof(ClassRecord),
+    {},
+    {},
+    true};
 
 constexpr ClassDecl kCleanupSupportClass = {NESTED_CLASS_NAMES(CPerThread, _CCleanupSupport),
                                             "What discards a thread's record when the thread ends.",
@@ -248,8 +255,7 @@ bool SetCapsuleInThreadStateDict(ModuleState& m, PyObject* cleanup_support) {
     const Ref capsule = capsule_class ? call(capsule_class.get()) : Ref();
     const Ref weakref = capsule ? load_global(m, m.globals.weakref) : Ref();
     const Ref destructor = weakref ? get_attr(self, m.names._CCleanupSupport__CapsuleDestructor) : Ref();
-    Ref finalizer =
-        destructor ? call_method(weakref.get(), m.names.finalize, capsule.get(), destructor.get()) : Ref();
+    Ref finalizer = destructor ? call_method(weakref.get(), m.names.finalize, capsule.get(), destructor.get()) : Ref();
     if (!finalizer) {
         return false;
     }
@@ -293,6 +299,7 @@ Ref _GetThreadStateDict(ModuleState& m) {
 }  // namespace thread_exit
 
 const FunctionDecl kGetThreadStateDict = {
-    "_GetThreadStateDict", {},
+    "_GetThreadStateDict",
+    {},
     [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) { return thread_exit::_GetThreadStateDict(m); },
     "_GetThreadStateDict()\n\nReturns the calling thread's thread-state dictionary, or None."};

@@ -10,8 +10,8 @@ Ref tracing_line(ModuleState& m, Py_ssize_t count) {
     if (!number) {
         return {};
     }
-    return Ref::steal(xpy.PyUnicode_FromFormat("%U%U%R%U", m.literals.add_to_tracing, m.literals.count_is,
-                                               number.get(), m.literals.newline));
+    return Ref::steal(xpy.PyUnicode_FromFormat("%U%U%R%U", m.literals.add_to_tracing, m.literals.count_is, number.get(),
+                                               m.literals.newline));
 }
 
 /// `tracer(tstate)`, |count| times.

@@ -179,18 +179,25 @@ Ref none_or_error(bool done) {
 constexpr ParamDecl kPerThreadParams[] = {{"per_thread"}};
 
 constexpr FunctionDecl kMethods[] = {
-    {"Get", {}, [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return Get(m); },
-     "Returns the calling thread's cached CPerThread, or None.", Binding::Class},
+    {"Get",
+     {},
+     [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return Get(m); },
+     "Returns the calling thread's cached CPerThread, or None.",
+     Binding::Class},
     {"Store", kPerThreadParams,
      [](ModuleState& m, PyObject* /*cls*/, const Argument* args) { return none_or_error(Store(m, args[0].object)); },
      "Makes `per_thread` (a CPerThread) the calling thread's cached record. No reference is kept. Returns None.",
      Binding::Class},
-    {"_DropCurrentSlot", {},
+    {"_DropCurrentSlot",
+     {},
      [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return none_or_error(drop_current_slot(m)); },
-     "Frees the calling thread's slot. Returns None.", Binding::Class},
-    {"Clear", {},
+     "Frees the calling thread's slot. Returns None.",
+     Binding::Class},
+    {"Clear",
+     {},
      [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return none_or_error(Clear(m)); },
-     "Frees the calling thread's slot. Returns None.", Binding::Class},
+     "Frees the calling thread's slot. Returns None.",
+     Binding::Class},
     {"Detach", kPerThreadParams,
      [](ModuleState& m, PyObject* /*cls*/, const Argument* args) {
          PerThreadData* record = per_thread::checked_data(m, args[0].object);
@@ -200,8 +207,7 @@ constexpr FunctionDecl kMethods[] = {
          Detach(*record);
          return new_none();
      },
-     "Makes sure that no thread's slot points at `per_thread` (a CPerThread) any more. Returns None.",
-     Binding::Class},
+     "Makes sure that no thread's slot points at `per_thread` (a CPerThread) any more. Returns None.", Binding::Class},
 };
 
 constexpr ClassDecl kClass = {CLASS_NAMES(_CPerThreadTssCache),
@@ -236,8 +242,8 @@ Ref get_thread_ident(ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*a
 
 }  // namespace
 
-const FunctionDecl kGetPid = {"_GetPid", {}, get_pid,
-                              "_GetPid()\n\nReturns this process's id, an int; a forked child gets its own."};
+const FunctionDecl kGetPid = {
+    "_GetPid", {}, get_pid, "_GetPid()\n\nReturns this process's id, an int; a forked child gets its own."};
 
-const FunctionDecl kGetThreadIdent = {"_GetThreadIdent", {}, get_thread_ident,
-                                      "_GetThreadIdent()\n\nReturns the calling thread's id, an int."};
+const FunctionDecl kGetThreadIdent = {
+    "_GetThreadIdent", {}, get_thread_ident, "_GetThreadIdent()\n\nReturns the calling thread's id, an int."};

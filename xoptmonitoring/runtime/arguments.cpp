@@ -10,8 +10,7 @@ namespace {
 class UsedFlags {
   public:
     explicit UsedFlags(Py_ssize_t count) noexcept
-        : flags_(count == 0 ? nullptr : static_cast<bool*>(std::calloc(static_cast<std::size_t>(count), sizeof(bool)))),
-          failed_(count != 0 && flags_ == nullptr) {}
+        : flags_(static_cast<bool*>(std::calloc(static_cast<std::size_t>(count) + 1, sizeof(bool)))) {}
     ~UsedFlags() {
         std::free(flags_);
     }
@@ -21,7 +20,7 @@ class UsedFlags {
     UsedFlags& operator=(UsedFlags&&) = delete;
 
     bool failed() const noexcept {
-        return failed_;
+        return flags_ == nullptr;
     }
     bool at(Py_ssize_t index) const noexcept {
         return flags_[index];
@@ -31,8 +30,7 @@ class UsedFlags {
     }
 
   private:
-    bool* flags_;
-    bool failed_;
+    bool* flags_;  // one more than needed, so that none is no special case
 };
 
 void raise_type_error(const char* message) {
@@ -61,7 +59,8 @@ Py_ssize_t find_keyword(PyObject* kwnames, Py_ssize_t count, const char* wanted)
 }
 
 /// Collects the keywords that no row took into a new dict, or refuses them.
-bool finish_keywords(PyObject* const* values, PyObject* kwnames, Py_ssize_t count, const UsedFlags& used, Ref* collected) {
+bool finish_keywords(PyObject* const* values, PyObject* kwnames, Py_ssize_t count, const UsedFlags& used,
+                     Ref* collected) {
     if (collected != nullptr) {
         *collected = Ref::steal(xpy.PyDict_New());
         if (!*collected) {

@@ -123,16 +123,16 @@ Ref create_class(ModuleState& m, const ClassBlueprint& blueprint, PyObject*& met
     OwnedMembers record_members(decl.class_fields, data_offsets.class_record);
     Ref meta = create_type(m, nullptr, xpy.PyType_Type_ptr, decl.record_spec_name, decl.doc,
                            data_offsets.class_record + static_cast<Py_ssize_t>(decl.class_data_size),
-                           Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | kItemsAtEnd, blueprint.record, record_members, kNoGetsets.data());
+                           Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | kItemsAtEnd, blueprint.record, record_members,
+                           kNoGetsets.data());
     if (!meta || !install_getsets(meta.get(), blueprint.record.getsets)) {
         return {};
     }
     OwnedMembers instance_members(decl.fields, data_offsets.instance);
-    Ref cls = create_type(
-        m, meta.get(), object_type, decl.spec_name, decl.doc,
-        data_offsets.instance + static_cast<Py_ssize_t>(decl.data_size),
-        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_MANAGED_WEAKREF,
-        blueprint.instance, instance_members, blueprint.record_through_instance);
+    Ref cls = create_type(m, meta.get(), object_type, decl.spec_name, decl.doc,
+                          data_offsets.instance + static_cast<Py_ssize_t>(decl.data_size),
+                          Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_MANAGED_WEAKREF,
+                          blueprint.instance, instance_members, blueprint.record_through_instance);
     if (!cls) {
         return {};
     }

@@ -14,9 +14,9 @@
 
 /// What every class-level record begins with.
 struct ClassRecord {
-    ModuleState* m;            ///< null in a subclass made in Python, and once the class has been torn down
-    const ClassDecl* decl;     ///< null in a subclass made in Python
-    std::uint64_t words_set;   ///< which word fields of this very record hold a value, by index
+    ModuleState* m;           ///< null in a subclass made in Python, and once the class has been torn down
+    const ClassDecl* decl;    ///< null in a subclass made in Python
+    std::uint64_t words_set;  ///< which word fields of this very record hold a value, by index
 };
 
 /// The declaration of a class.
@@ -38,7 +38,7 @@ struct ClassDecl {
 /// A class's name in all its forms.
 #define CLASS_NAMES(name) #name, "xoptmonitoring." #name, #name, #name "_class", "xoptmonitoring." #name "_class"
 #define NESTED_CLASS_NAMES(outer, name) \
-    #name, "xoptmonitoring." #name, #outer "." #name, #name "_class", "xoptmonitoring." #name "_class"
+#name, "xoptmonitoring." #name, #outer "." #name, #name "_class", "xoptmonitoring." #name "_class"
 
 /// What the interpreter needs of one struct: entry points and descriptors made from its member table.
 struct StructSlots {
@@ -175,7 +175,6 @@ ClassBlueprint blueprint(destructor finalize = &generated::Class<D>::finalize) {
     using Generated = generated::Class<D>;
     return {&D,
             {&Generated::traverse, &Generated::clear, finalize, Generated::getsets},
-            {&Generated::class_traverse, &Generated::class_clear, &Generated::class_finalize,
-             Generated::class_getsets},
+            {&Generated::class_traverse, &Generated::class_clear, &Generated::class_finalize, Generated::class_getsets},
             Generated::through_instance.data()};
 }

@@ -23,7 +23,8 @@ struct FunctionData {
     const ClassDecl* class_decl;
 };
 
-#define FUNCTION_FIELD(name, doc) {#name, FieldType::Object, offsetof(FunctionData, name), kReadOnlyField, doc}
+#define FUNCTION_FIELD(name, doc) \
+    { #name, FieldType::Object, offsetof(FunctionData, name), kReadOnlyField, doc }
 constexpr FieldDecl kFunctionFields[] = {
     FUNCTION_FIELD(__default_args__, "Tuple of the default values of the last parameters; unset where none has one."),
     FUNCTION_FIELD(__mod__, "The module."),
@@ -222,8 +223,8 @@ Ref make_text_signature(const FunctionDecl& decl) {
         if (!text) {
             return {};
         }
-        text = Ref::steal(xpy.PyUnicode_FromFormat("%U%s%s%s", text.get(), separator, param.name,
-                                                   default_text(param.default_value)));
+        text = Ref::steal(
+            xpy.PyUnicode_FromFormat("%U%s%s%s", text.get(), separator, param.name, default_text(param.default_value)));
         separator = ", ";
     }
     if (!text) {
@@ -258,8 +259,7 @@ bool describe(FunctionData& data, const FunctionDecl& decl, const ClassDecl* cla
 bool create_function_type(ModuleState& m) {
     std::array<PyMemberDef, kFieldCount + 2> members{};
     members[0] = {"__vectorcalloffset__", Py_T_PYSSIZET,
-                  data_offsets.instance +
-                      static_cast<Py_ssize_t>(offsetof(FunctionData, __vectorcall_cfunction__)),
+                  data_offsets.instance + static_cast<Py_ssize_t>(offsetof(FunctionData, __vectorcall_cfunction__)),
                   Py_READONLY, nullptr};
     PyType_Slot slots[] = {
         {Py_tp_traverse, reinterpret_cast<void*>(traverse_function)},
@@ -272,11 +272,11 @@ bool create_function_type(ModuleState& m) {
         {Py_tp_getset, function_getsets.data()},
         {0, nullptr},
     };
-    PyType_Spec spec = {"xoptmonitoring._XNotPy_Function",
-                        static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(sizeof(FunctionData))), 0,
-                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
-                            Py_TPFLAGS_DISALLOW_INSTANTIATION,
-                        slots};
+    PyType_Spec spec = {
+        "xoptmonitoring._XNotPy_Function",
+        static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(sizeof(FunctionData))), 0,
+        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+        slots};
     m.types.function = xpy.PyType_FromModuleAndSpec(m.module, &spec, nullptr);
     return m.types.function != nullptr;
 }

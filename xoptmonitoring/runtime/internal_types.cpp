@@ -49,9 +49,8 @@ struct InternalTypeDecl {
 constexpr InternalTypeDecl kManagedStruct = {"xoptmonitoring._XNotPy_ManagedStruct",
                                              "Exception ignored in _XNotPy_ManagedStruct tp_finalize",
                                              sizeof(ManagedStructData), kManagedStructFields};
-constexpr InternalTypeDecl kFrame = {"xoptmonitoring._XNotPy_Frame",
-                                     "Exception ignored in _XNotPy_Frame tp_finalize", sizeof(FrameData),
-                                     kFrameFields};
+constexpr InternalTypeDecl kFrame = {"xoptmonitoring._XNotPy_Frame", "Exception ignored in _XNotPy_Frame tp_finalize",
+                                     sizeof(FrameData), kFrameFields};
 constexpr InternalTypeDecl kGenerator = {"xoptmonitoring._XNotPy_Generator",
                                          "Exception ignored in _XNotPy_Frame tp_finalize", sizeof(GeneratorData),
                                          kGeneratorFields};
@@ -80,9 +79,8 @@ struct InternalType {
             {Py_tp_getset, getsets.data()},
             {0, nullptr},
         };
-        PyType_Spec spec = {D.spec_name,
-                            static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(D.data_size)), 0,
-                            Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
+        PyType_Spec spec = {D.spec_name, static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(D.data_size)),
+                            0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION, slots};
         return xpy.PyType_FromModuleAndSpec(m.module, &spec, nullptr);
     }
 };

@@ -68,8 +68,8 @@ const FunctionDecl kSetDprintfMask = {
     "Chooses the diagnostic lines that are written: `mask` is an int made of the kLog... bits. Returns None.\n"
     "Raises TypeError or OverflowError for what is no machine word."};
 
-const FunctionDecl kGetDprintfMask = {"get_dprintf_mask", {}, get_mask,
-                                      "get_dprintf_mask()\n\nReturns the mask of diagnostic lines, an int."};
+const FunctionDecl kGetDprintfMask = {
+    "get_dprintf_mask", {}, get_mask, "get_dprintf_mask()\n\nReturns the mask of diagnostic lines, an int."};
 
 const FunctionDecl kDprintf = {
     "dprintf", kDprintfParams, print_line,

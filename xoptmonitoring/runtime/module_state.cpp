@@ -94,19 +94,19 @@ bool fill_tables(ModuleState& m) {
     if (builtins == nullptr) {
         return false;
     }
-#define BUILTIN(name)                                               \
-    if (!fill_builtin(builtins, m.builtins.name, #name)) {          \
-        return false;                                               \
+#define BUILTIN(name)                                      \
+    if (!fill_builtin(builtins, m.builtins.name, #name)) { \
+        return false;                                      \
     }
 #include "xoptmonitoring/runtime/cached_builtins.def"
-#define INTERNED_NAME(name)                          \
-    if (!fill_text(m.names.name, #name)) {           \
-        return false;                                \
+#define INTERNED_NAME(name)                \
+    if (!fill_text(m.names.name, #name)) { \
+        return false;                      \
     }
 #include "xoptmonitoring/runtime/interned_names.def"
-#define LITERAL(field, text)                         \
-    if (!fill_text(m.literals.field, text)) {        \
-        return false;                                \
+#define LITERAL(field, text)                  \
+    if (!fill_text(m.literals.field, text)) { \
+        return false;                         \
     }
 #include "xoptmonitoring/runtime/message_literals.def"
     return true;
@@ -116,11 +116,11 @@ int traverse_state(ModuleState& m, visitproc visit, void* arg) {
     if (const int stop = visit_all(objects_of(m.types), visit, arg)) {
         return stop;
     }
-#define GLOBAL_FINAL(name, doc)                                              \
-    if (m.globals.name != nullptr) {                                         \
-        if (const int stop = visit(m.globals.name, arg)) {                   \
-            return stop;                                                     \
-        }                                                                    \
+#define GLOBAL_FINAL(name, doc)                            \
+    if (m.globals.name != nullptr) {                       \
+        if (const int stop = visit(m.globals.name, arg)) { \
+            return stop;                                   \
+        }                                                  \
     }
 #define GLOBAL_OBJECT(name, doc) GLOBAL_FINAL(name, doc)
 #include "xoptmonitoring/runtime/module_globals.def"

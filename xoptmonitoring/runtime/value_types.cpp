@@ -5,7 +5,7 @@ namespace {
 
 struct CheckedType {
     ValueType type;
-    const char* name;                    // as it stands in the message
+    const char* name;                     // as it stands in the message
     PyTypeObject* XPy_C_API_Data::*slot;  // the type whose instances pass
     bool none_passes;
 };

@@ -65,8 +65,7 @@ Py_ssize_t size_of(const XPy_FieldWithSize* table) {
 // ---- laying a table out ----
 
 TEST_F(Layouts, a_field_is_aligned_to_its_size) {
-    const XPy_FieldWithSize table[] = {{"a", 1}, {"b", 2}, {"c", 1},    {"d", 4},
-                                       {"e", 1}, {"f", 8}, {nullptr, 0}};
+    const XPy_FieldWithSize table[] = {{"a", 1}, {"b", 2}, {"c", 1}, {"d", 4}, {"e", 1}, {"f", 8}, {nullptr, 0}};
     EXPECT_EQ(offset_in(table, "a"), 0);
     EXPECT_EQ(offset_in(table, "b"), 2);
     EXPECT_EQ(offset_in(table, "c"), 4);
@@ -346,10 +345,9 @@ TEST_F(Layouts, of_frames_end_with_3_10) {
     for (int minor = 11; minor <= 15; ++minor) {
         learn({3, minor});
         for (const std::int64_t offset :
-             {xpy.frame_offsets.lineno, xpy.frame_offsets.code, xpy.frame_offsets.builtins,
-              xpy.frame_offsets.trace, xpy.frame_offsets.iblock, xpy.frame_offsets.locals,
-              xpy.frame_offsets.globals, xpy.frame_offsets.back, xpy.frame_offsets.stacktop,
-              xpy.frame_offsets.state}) {
+             {xpy.frame_offsets.lineno, xpy.frame_offsets.code, xpy.frame_offsets.builtins, xpy.frame_offsets.trace,
+              xpy.frame_offsets.iblock, xpy.frame_offsets.locals, xpy.frame_offsets.globals, xpy.frame_offsets.back,
+              xpy.frame_offsets.stacktop, xpy.frame_offsets.state}) {
             EXPECT_EQ(offset, kNone) << "3." << minor;
         }
     }

@@ -178,8 +178,7 @@ TEST_F(Unbound, a_python_file_is_refused_with_a_word_to_the_descriptor) {
     EXPECT_EQ(XPy_SetDPrintfFile(some_object(), 1, nullptr), 0);
     XPy_SetDPrintfNativeFile(pipe.writing_end(), nullptr);
     EXPECT_EQ(XPy_SetDPrintfFile(some_object(), 1, nullptr), 0);
-    EXPECT_EQ(pipe.read_all(),
-              "XPy_SetDPrintfFile() called when global_XPy_C_API_Data.initialized is false\n");
+    EXPECT_EQ(pipe.read_all(), "XPy_SetDPrintfFile() called when global_XPy_C_API_Data.initialized is false\n");
     EXPECT_EQ(gDP.shared_single_dp_data.fileno, pipe.writing_end()) << "a refusal changes nothing";
 }
 
@@ -260,10 +259,8 @@ TEST_F(Unbound, clearing_a_record_ends_its_buffers_and_outputs_and_keeps_its_mas
     EXPECT_EQ(record->_repr_str2, nullptr);
     EXPECT_EQ(record->core, nullptr);
     EXPECT_EQ(get_dp_data_mask(record), 1023);
-    EXPECT_STREQ(get_dprintf_repr_str1(record, some_object()),
-                 "get_dprintf_repr_str1() failure: _repr_str1 is NULL");
-    EXPECT_STREQ(get_dprintf_repr_str2(record, some_object()),
-                 "get_dprintf_repr_str2() failure: _repr_str2 is NULL");
+    EXPECT_STREQ(get_dprintf_repr_str1(record, some_object()), "get_dprintf_repr_str1() failure: _repr_str1 is NULL");
+    EXPECT_STREQ(get_dprintf_repr_str2(record, some_object()), "get_dprintf_repr_str2() failure: _repr_str2 is NULL");
     free_dp_data(record);
 }
 
@@ -294,10 +291,8 @@ TEST_F(Unbound, null_records_are_ignored) {
     do_dp(nullptr, "text");
     do_dp_no_py(nullptr, "text");
     do_dp_logexception(nullptr);
-    EXPECT_STREQ(get_dprintf_repr_str1(nullptr, some_object()),
-                 "get_dprintf_repr_str1() failure: _repr_str1 is NULL");
-    EXPECT_STREQ(get_dprintf_repr_str2(nullptr, some_object()),
-                 "get_dprintf_repr_str2() failure: _repr_str2 is NULL");
+    EXPECT_STREQ(get_dprintf_repr_str1(nullptr, some_object()), "get_dprintf_repr_str1() failure: _repr_str1 is NULL");
+    EXPECT_STREQ(get_dprintf_repr_str2(nullptr, some_object()), "get_dprintf_repr_str2() failure: _repr_str2 is NULL");
 }
 
 // ---- diagnostics: lines and texts ----
