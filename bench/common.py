@@ -1,8 +1,10 @@
 """What all measurements share: interpreters, runs inside one, results and tables."""
 
+import contextlib
 import json
 import os
 import pathlib
+import platform
 import shutil
 import subprocess
 import sys
@@ -14,6 +16,8 @@ PACKAGE = ROOT / "build" / "release" / "package"
 
 CONTESTANTS = ROOT / "build" / "release" / "bench" / "contestants.so"
 
+
+LOAD_AT_START = os.getloadavg()[0]
 
 SKIPPED = 77  # exit status: CTest is told that nothing was tested
 
@@ -111,11 +115,26 @@ def callgrind_command(folder):
             "--dump-line=yes", "--callgrind-out-file={}/dump".format(folder)]
 
 
+def describe_machine():
+    """What the numbers depend on, apart from the interpreter and the module."""
+    cpu = ""
+    with contextlib.suppress(OSError):
+        for line in pathlib.Path("/proc/cpuinfo").read_text("utf-8").splitlines():
+            if line.startswith("model name"):
+                cpu = line.partition(":")[2].strip()
+    return {
+        "processor": cpu or platform.processor(),
+        "processors": os.cpu_count(),
+        "system": "{} {}".format(platform.system(), platform.release()),
+        "load before the measurement": round(LOAD_AT_START, 1),
+    }
+
+
 def save(name, content):
-    """Write a result into build/bench: text as it is, anything else as JSON."""
+    """Write a result into build/bench: text as it is, anything else as JSON, with the machine that it is from."""
     RESULTS.mkdir(parents=True, exist_ok=True)
     if not isinstance(content, str):
-        content = json.dumps(content, indent=1) + "\n"
+        content = json.dumps({"machine": describe_machine(), "interpreters": content}, indent=1) + "\n"
     (RESULTS / name).write_text(content, "utf-8")
 
 

@@ -17,13 +17,26 @@ CHART_GROUPS = ("LINE", "PY_START", "PY_RETURN", "PY_YIELD", "PY_RESUME")
 SKIPPED = {"LINE": "Callback: no breakpoint in the line"}  # what stands for Callback in the chart
 
 
-def print_results(label, entries):
-    print("\nPython {}\n".format(label))
+def format_results(entries):
     rows = []
     for entry in entries:
         ratio = "" if entry["ratio"] is None else "{:.2f}".format(entry["ratio"])
         rows.append([entry["group"] + ", " + entry["title"], "{:.1f}".format(entry["nanoseconds"]), ratio])
-    print(common.format_table(["", "nanoseconds", "times the floor"], rows), flush=True)
+    return common.format_table(["road of an event", "nanoseconds", "times the floor"], rows)
+
+
+def compare(results):
+    """One table for all interpreters: nanoseconds, and how many times the floor that is."""
+    rows = {}
+    for label, entries in results.items():
+        for entry in entries:
+            cell = "{:.1f}".format(entry["nanoseconds"])
+            if entry["ratio"] is not None:
+                cell += " ({:.2f})".format(entry["ratio"])
+            rows.setdefault((entry["group"], entry["title"]), {})[label] = cell
+    return common.format_table(["road of an event", *results],
+                               [[", ".join(key), *(cells.get(label, "") for label in results)]
+                                for key, cells in rows.items()])
 
 
 def draw(results):
@@ -48,11 +61,12 @@ def main():
     for interpreter in common.chosen_interpreters(arguments):
         entries = common.run_inside(interpreter, "time_events.py", *(QUICK if arguments.quick else FULL),
                                     package=arguments.package)
-        print_results(interpreter["label"], entries)
+        print("\nPython {}\n\n{}".format(interpreter["label"], format_results(entries)), flush=True)
         results[interpreter["label"]] = entries
     common.save("events.json", results)
     common.save("events.svg", draw(results))
     return 0
 
 
-common.run_main(main)
+if __name__ == "__main__":
+    common.run_main(main)

@@ -9,10 +9,10 @@ import argparse
 import common
 
 QUICK = (5, "1,1000")  # rounds, and numbers of records
-FULL = (40, "1,1000,100000")
+FULL = (15, "1,1000,100000")
 
 
-def print_growing(entries):
+def format_growing(entries):
     rows = {}
     for entry in entries:
         rows.setdefault(entry["call"], []).append((entry["records"], entry["nanoseconds"]))
@@ -24,10 +24,10 @@ def print_growing(entries):
         each = (whole - base) / (most - least) if most > least else 0
         lines.append([call, *("{:.1f}".format(taken[count] / 1000) if count in taken else "" for count in counts),
                       "{:.0f}".format(each)])
-    print(common.format_table(["microseconds, with so many records", *counts, "nanoseconds of each"], lines))
+    return common.format_table(["microseconds, with so many records", *counts, "nanoseconds of each"], lines)
 
 
-def print_constant(entries):
+def format_constant(entries):
     rows = {}
     for entry in entries:
         rows.setdefault((entry["event"], entry["number of"]), {})[entry["count"]] = entry
@@ -37,17 +37,22 @@ def print_constant(entries):
         cells = ["{:.1f} ({:.2f})".format(found[count]["nanoseconds"], found[count]["ratio"]) if count in found else ""
                  for count in counts]
         lines.append(["{}, {}".format(event, title), *cells])
-    print(common.format_table(["nanoseconds of a skipped event (times the floor)", *counts], lines))
+    return common.format_table(["nanoseconds of a skipped event (times the floor)", *counts], lines)
 
 
-def print_memory(entries):
+def format_memory(entries):
     lines = []
     for entry in entries:
         objects = ", ".join("{} {}".format(size, name) for name, size in entry["objects"].items())
         rest = entry["bytes"] - sum(entry["objects"].values())
         lines.append([entry["record of"], objects, "{:.0f}".format(rest), "{:.0f}".format(entry["bytes"])])
-    print(common.format_table(["record of", "bytes of its objects", "what holds them together", "in all"],
-                              lines))
+    return common.format_table(["record of", "bytes of its objects", "what holds them together", "in all"],
+                               lines)
+
+
+def format_results(found):
+    return "\n\n".join([format_growing(found["growing"]), format_constant(found["constant"]),
+                        format_memory(found["memory"])])
 
 
 def main():
@@ -59,15 +64,11 @@ def main():
     for interpreter in common.chosen_interpreters(arguments):
         found = common.run_inside(interpreter, "measure_growth.py", *(QUICK if arguments.quick else FULL),
                                   package=arguments.package)
-        print("\nPython {}\n".format(interpreter["label"]))
-        print_growing(found["growing"])
-        print()
-        print_constant(found["constant"])
-        print()
-        print_memory(found["memory"])
+        print("\nPython {}\n\n{}".format(interpreter["label"], format_results(found)), flush=True)
         results[interpreter["label"]] = found
     common.save("growth.json", results)
     return 0
 
 
-common.run_main(main)
+if __name__ == "__main__":
+    common.run_main(main)

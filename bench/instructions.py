@@ -18,7 +18,8 @@ import common
 
 WORKLOADS = ("LINE", "LINE of a long file", "PY_START", "PY_RETURN", "PY_YIELD", "PY_RESUME")
 QUICK_WORKLOADS = ("LINE", "PY_START")
-CALLBACKS = ("nothing", "floor", "floor as a method", "by hand", "Callback")
+SHOWN = ("floor", "floor as a method", "by hand", "Callback")
+CALLBACKS = ("nothing", *SHOWN)
 
 BUDGET_FILE = common.BENCH / "budget.json"
 
@@ -54,14 +55,13 @@ def cost(results, callback):
     return results[callback]["total"] - results["nothing"]["total"]
 
 
-def print_summary(measured, callback_names):
-    shown = [name for name in callback_names if name != "nothing"]
-    header = ["instructions of an event", *shown, "by hand, over the floor", "Callback, over the floor"]
-    rows = []
-    for workload_name, results in measured.items():
-        over_floor = ["{:.0f}".format(cost(results, name) - cost(results, "floor")) for name in ("by hand", "Callback")]
-        rows.append([workload_name, *("{:.0f}".format(cost(results, name)) for name in shown), *over_floor])
-    print(common.format_table(header, rows))
+def format_summary(costs):
+    """A table of what an event costs over the run under nothing, and over the floor."""
+    header = ["instructions of an event", *SHOWN, "by hand, over the floor", "Callback, over the floor"]
+    rows = [[workload_name, *("{:.0f}".format(found[name]) for name in SHOWN),
+             *("{:.0f}".format(found[name] - found["floor"]) for name in ("by hand", "Callback"))]
+            for workload_name, found in costs.items()]
+    return common.format_table(header, rows)
 
 
 def short(function):
@@ -70,21 +70,20 @@ def short(function):
     return name if len(name) <= 60 else name[:57] + "..."
 
 
-def print_functions(results, callback_names):
+def print_functions(results):
     """Where the instructions go: the functions in which the callbacks differ from the run under nothing."""
-    shown = [name for name in callback_names if name != "nothing"]
     idle = results["nothing"]["by_function"]
     added = {name: {place: count - idle.get(place, 0)
                     for place, count in {**dict.fromkeys(idle, 0), **results[name]["by_function"]}.items()}
-             for name in shown}
-    places = sorted({place for name in shown for place, count in added[name].items() if abs(count) >= 0.5},
+             for name in SHOWN}
+    places = sorted({place for name in SHOWN for place, count in added[name].items() if abs(count) >= 0.5},
                     key=lambda place: -added["Callback"].get(place, 0))
     rows = []
     for place in places:
         counts = ("{:.1f}".format(added[name].get(place, 0)) if abs(added[name].get(place, 0)) >= 0.05 else ""
-                  for name in shown)
+                  for name in SHOWN)
         rows.append([short(place[1]), pathlib.Path(place[0] or "?").name, *counts])
-    print(common.format_table(["function", "object", *shown], rows))
+    print(common.format_table(["function", "object", *SHOWN], rows))
 
 
 def print_lines(results):
@@ -136,23 +135,23 @@ def main():
     for interpreter in common.chosen_interpreters(arguments):
         label = interpreter["label"]
         measured = measure(interpreter, workload_names, CALLBACKS, arguments.package)
-        print("\nPython {}\n".format(label))
-        print_summary(measured, CALLBACKS)
+        summary[label] = {
+            workload_name: {name: round(cost(results, name), 2) for name in SHOWN}
+            for workload_name, results in measured.items()}
+        print("\nPython {}\n\n{}".format(label, format_summary(summary[label])), flush=True)
         for workload_name, results in measured.items():
             if arguments.functions:
                 print("\nPython {}, {}, by function\n".format(label, workload_name))
-                print_functions(results, CALLBACKS)
+                print_functions(results)
             if arguments.lines:
                 print("\nPython {}, {}, by line\n".format(label, workload_name))
                 print_lines(results)
         if arguments.check:
             print()
             is_kept = check_budget(interpreter, measured) and is_kept
-        summary[label] = {
-            workload_name: {name: round(cost(results, name), 2) for name in CALLBACKS if name != "nothing"}
-            for workload_name, results in measured.items()}
     common.save("instructions.json", summary)
     return 0 if is_kept else 1
 
 
-common.run_main(main)
+if __name__ == "__main__":
+    common.run_main(main)

@@ -21,14 +21,14 @@ QUICK_PROGRAMS = ("JSON round trip", "constraint solver")
 PROGRAMS = ("JSON round trip", "text comparison", "parse and unparse", "numeric loop", "constraint solver")
 
 
-def print_table(entries, row_keys, value):
+def format_table(entries, row_keys, value):
     """A table of what was found: one column for each debugger."""
     columns = list(dict.fromkeys(entry["debugger"] for entry in entries))
     rows = {}
     for entry in entries:
         rows.setdefault(tuple(entry[key] for key in row_keys), {})[entry["debugger"]] = value(entry)
     lines = [[", ".join(key), *(found.get(column, "") for column in columns)] for key, found in rows.items()]
-    print(common.format_table(["", *columns], lines), flush=True)
+    return common.format_table([", ".join(row_keys), *columns], lines)
 
 
 def factor(number):
@@ -39,6 +39,13 @@ def action_value(entry):
     if "slowdown" in entry:
         return factor(entry["slowdown"]) + " times"
     return "{:.2f} µs".format(entry["microseconds"])
+
+
+def format_results(found):
+    return "\n\n".join([
+        format_table(found["never hit"], ("program", "breakpoint"), lambda entry: factor(entry["slowdown"])),
+        format_table(found["at stops"], ("action",), action_value),
+    ])
 
 
 def measure_debugpy(interpreter, programs, found, effort, package, folder):
@@ -69,7 +76,7 @@ def draw(results):
                        if entry["program"] == program and entry["debugger"] == "this tracer"}
             groups.append((label, [factors[spot] for spot in SPOTS]))
         panels.append((program, groups))
-    return svg.bar_chart("Programs under the tracer, with one breakpoint that is never hit", "times as long", spots,
+    return svg.bar_chart("Programs under the tracer, with one breakpoint that is never hit", "times as long", SPOTS,
                          panels)
 
 
@@ -89,11 +96,11 @@ def count(interpreter, programs, package):
     return counted
 
 
-def print_counts(counted):
+def format_counts(counted):
     rows = [[program, "{:.2f}".format(found["nothing"] / 1e6),
              *("{:.4f}".format(found[spot] / found["nothing"]) for spot in SPOTS)]
             for program, found in counted.items()]
-    print(common.format_table(["times the instructions", "millions under nothing", *SPOTS], rows), flush=True)
+    return common.format_table(["times the instructions", "millions under nothing", *SPOTS], rows)
 
 
 def main():
@@ -111,14 +118,12 @@ def main():
         print("\nPython {}\n".format(label), flush=True)
         if arguments.instructions:
             results[label] = count(interpreter, programs, arguments.package)
-            print_counts(results[label])
+            print(format_counts(results[label]), flush=True)
             continue
         found = common.run_inside(interpreter, "time_programs.py", *effort, ",".join(programs),
                                   package=arguments.package)
         measure_debugpy(interpreter, programs, found, effort, arguments.package, arguments.debuggers)
-        print_table(found["never hit"], ("program", "breakpoint"), lambda entry: factor(entry["slowdown"]))
-        print()
-        print_table(found["at stops"], ("action",), action_value)
+        print(format_results(found), flush=True)
         results[label] = found
     if arguments.instructions:
         common.save("program_instructions.json", results)
@@ -128,4 +133,5 @@ def main():
     return 0
 
 
-common.run_main(main)
+if __name__ == "__main__":
+    common.run_main(main)

@@ -10,26 +10,26 @@ import os
 import common
 
 QUICK = (3, 5)  # rounds, and milliseconds of a sample in one thread
-FULL = (20, 20)
+FULL = (10, 10)
 
 
-def print_results(label, entries):
-    print("\nPython {}: millions of events a second in all threads together (times those of one thread),"
-          " and processor time of one event\n".format(label))
+def format_results(entries):
+    """Millions of events a second in all threads together, how many times those of one thread that is, and the
+    processor time of one event."""
     counts = sorted({entry["threads"] for entry in entries})
     rows = {}
     for entry in entries:
-        rows.setdefault((entry["code"], entry["callback"]), {})[entry["threads"]] = entry
+        rows.setdefault((entry["callback"], entry["code"]), {})[entry["threads"]] = entry
     lines = []
-    for (code, callback), found in rows.items():
+    for key, found in rows.items():
         alone = found[counts[0]]["events per second"]
         speeds = ["{:.1f} ({:.2f})".format(found[count]["events per second"] / 1e6,
                                            found[count]["events per second"] / alone) for count in counts]
-        works = ["{:.1f} ns".format(found[count]["nanoseconds of processor time"]) for count in counts]
-        lines.append(["{}, {}".format(callback, code), *speeds, *works])
-    header = ["code object", *("{} threads".format(count) for count in counts),
-              *("{} threads".format(count) for count in counts)]
-    print(common.format_table(header, lines), flush=True)
+        works = ["{:.1f}".format(found[count]["nanoseconds of processor time"]) for count in counts]
+        lines.append([", ".join(key), *speeds, *works])
+    header = ["callback, code object", *("millions/s, {} threads".format(count) for count in counts),
+              *("ns, {} threads".format(count) for count in counts)]
+    return common.format_table(header, lines)
 
 
 def main():
@@ -44,10 +44,11 @@ def main():
     for interpreter in common.chosen_interpreters(arguments):
         entries = common.run_inside(interpreter, "time_threads.py", rounds, milliseconds, counts,
                                     package=arguments.package)
-        print_results(interpreter["label"], entries)
+        print("\nPython {}\n\n{}".format(interpreter["label"], format_results(entries)), flush=True)
         results[interpreter["label"]] = entries
     common.save("threads.json", results)
     return 0
 
 
-common.run_main(main)
+if __name__ == "__main__":
+    common.run_main(main)

@@ -159,18 +159,11 @@ def parts(*objects):
 
 
 def memory(count):
-    """Bytes of a record of each kind: in all, and of the objects that it consists of."""
-    codes = make_codes(count, "/srv/app/one_file.py")
+    """Bytes of a record of each kind: in all, and of the objects that it consists of. Code objects come last: a
+    free-threaded interpreter gives their memory back late."""
     names = file_names(count)
+    codes = make_codes(count, "/srv/app/one_file.py")
     tracemalloc.start()
-    code_bytes = bytes_of_each(count, lambda: make_code_records(codes))
-    record = xo.CPerCodeObject.GetPerCodeObject(codes[0])
-    yield {"record of": "code object", "bytes": code_bytes,
-           "objects": {"record": parts(record), "weak reference": parts(record.fCodeObjectWeakRef),
-                       "set of breakpoint lines": parts(record.fEnabledBpLinenos)}}
-    del record
-    xo.reset()
-    codes.clear()
     file_bytes = bytes_of_each(count, lambda: make_file_records(names))
     record = xo.CPerFile.GetPerFile(names[0])
     yield {"record of": "file", "bytes": file_bytes,
@@ -184,6 +177,13 @@ def memory(count):
     yield {"record of": "thread", "bytes": thread_bytes, "objects": {
         "record": parts(record),
         **{name: parts(getattr(record, name)) for name in ("fSteppingCodeObjects", "fSuspendLock", "fThreadId")}}}
+    del record
+    xo.reset()
+    code_bytes = bytes_of_each(count, lambda: make_code_records(codes))
+    record = xo.CPerCodeObject.GetPerCodeObject(codes[0])
+    yield {"record of": "code object", "bytes": code_bytes,
+           "objects": {"record": parts(record), "weak reference": parts(record.fCodeObjectWeakRef),
+                       "set of breakpoint lines": parts(record.fEnabledBpLinenos)}}
     tracemalloc.stop()
     xo.reset()
 

@@ -236,7 +236,7 @@ class Tracer:
                 for record in list(per_file.fKnownPerCodeObjects):
                     record.fUpdatePathnameNeeded = True
                     record.fEnabledBpLinenos = None
-                    self._switch_events(record)
+                    self._switch_events(record, None)
 
             self._is_running = False
             _running_tracer = None
@@ -334,11 +334,12 @@ class Tracer:
             return
         breakpoints = xo.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno
         # A new set each time: the first stage may be looking at the old one on another thread.
+        enabled_linenos = set()
         if breakpoints and not record.fIsInternal:
-            record.fEnabledBpLinenos = {line for _, _, line in code.co_lines() if line in breakpoints}
-        else:
-            record.fEnabledBpLinenos = set()
-        self._switch_events(record)
+            enabled_linenos.update(line for _, _, line in code.co_lines() if line in breakpoints)
+        # The set is published last: a thread that sees it takes the events to be on, and runs on.
+        self._switch_events(record, enabled_linenos)
+        record.fEnabledBpLinenos = enabled_linenos
 
     def _breakpoint_at(self, record, lineno):
         """Return the breakpoint on a line of a code object, or None.
@@ -354,13 +355,13 @@ class Tracer:
 
     # Which events are on
 
-    def _switch_events(self, record):
+    def _switch_events(self, record, enabled_linenos):
         """Switch on the line, return and yield events that a code object needs, and no others."""
         code = record.fCodeObjectWeakRef()
         if code is None:
             return
         events = 0
-        if record.fEnabledBpLinenos or record.fSteppingEventsNeededCount:
+        if enabled_linenos or record.fSteppingEventsNeededCount:
             events |= _LINE
         if record.fReturnEventsNeededCount or record.fSteppingEventsNeededCount:
             events |= _RETURN | _YIELD
@@ -512,7 +513,7 @@ class Tracer:
             if thread.fStopAtNextLine and record not in thread.fSteppingCodeObjects:
                 thread.fSteppingCodeObjects.add(record)
                 record.fSteppingEventsNeededCount += 1
-                self._switch_events(record)
+                self._switch_events(record, record.fEnabledBpLinenos)
 
     def _replace_step(self, thread, stepping, awaited):
         """Move the counts from a thread's old step to its new one.
@@ -535,7 +536,7 @@ class Tracer:
                 old_awaited.fReturnEventsNeededCount -= 1
                 changed.add(old_awaited)
         for record in changed:
-            self._switch_events(record)
+            self._switch_events(record, record.fEnabledBpLinenos)
         thread.fSteppingCodeObjects = stepping
         if awaited is not None:
             self._steps[thread] = (stepping, awaited)

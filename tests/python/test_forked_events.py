@@ -1,6 +1,8 @@
 """Events in a forked child: none counts until the child has said that it is the process to work for."""
 
+import contextlib
 import os
+import signal
 import sys
 import threading
 import time
@@ -8,7 +10,7 @@ import unittest
 
 from code_helpers import in_forked_child, make_code
 from event_helpers import EVENT_IDS, FOREIGN_EVENT_ID, IMPORT_MESSAGE, SAMPLE, EventTestCase, Worker
-from support import Recorder, RecordingWriter, needs_fork, run_python, xo
+from support import Recorder, RecordingWriter, needs_fork, run_python, time_limit, xo
 
 CPerCodeObject = xo.CPerCodeObject
 CPerThread = xo.CPerThread
@@ -25,6 +27,24 @@ class DirectCallTest(EventTestCase):
             from_thread = worker.call(in_forked_child, action)
         self.assertEqual(from_main, from_thread)
         return from_main
+
+    def watched_fork(self):
+        """Forks; a child that hangs is killed after a while, so that the test fails and does not hang as well."""
+        child = os.fork()
+        if child != 0:
+            handle = os.pidfd_open(child)
+            self.addCleanup(os.close, handle)
+            timer = threading.Timer(time_limit(20), self.kill, (handle,))
+            timer.daemon = True
+            timer.start()
+            self.addCleanup(timer.join)
+            self.addCleanup(timer.cancel)
+        return child
+
+    @staticmethod
+    def kill(handle):
+        with contextlib.suppress(ProcessLookupError):
+            signal.pidfd_send_signal(handle, signal.SIGKILL)
 
     def test_every_event_is_answered_none_and_nothing_is_called_or_logged(self):
         known, record = self.known_code(3)
@@ -211,7 +231,7 @@ class DirectCallTest(EventTestCase):
             thread.start()
         try:
             for _ in range(20):
-                self.assertEqual(in_forked_child(look), ["second", True])
+                self.assertEqual(in_forked_child(look, self.watched_fork), ["second", True])
         finally:
             stop.set()
             for thread in threads:

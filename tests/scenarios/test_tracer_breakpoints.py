@@ -275,6 +275,21 @@ class WhatIsSwitchedOff(BreakpointCase):
         self.assertEqual(record.fEnabledBpLinenos, {self.program.line("add"), self.program.line("end")})
         self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
 
+    def test_line_events_are_on_before_another_thread_can_see_that_there_are_breakpoints(self):
+        self.tracer.start()
+        self.set_breakpoint("add")
+        seen = []
+
+        def set_local_events(tool_id, code, events, original=sys.monitoring.set_local_events):
+            record = xo.CPerCodeObject.GetPerCodeObject(code, False)
+            seen.append((code.co_name, record.fEnabledBpLinenos))
+            original(tool_id, code, events)
+            seen.append((code.co_name, record.fEnabledBpLinenos))
+
+        self.patch(sys.monitoring, "set_local_events", set_local_events)
+        xo.CPerCodeObject.GetPerCodeObject(self.program.load().total.__code__)
+        self.assertEqual(seen, [("total", None), ("total", None)])
+
     def test_a_cleared_breakpoint_stops_no_more_and_switches_line_events_off(self):
         self.tracer.start()
         breakpoints = [self.set_breakpoint("add"), self.set_breakpoint("end")]

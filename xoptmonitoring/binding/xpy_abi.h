@@ -119,6 +119,7 @@ inline constexpr int Py_tp_finalize = 80;
 // Flags of PyType_Spec.
 inline constexpr unsigned Py_TPFLAGS_MANAGED_WEAKREF = 1U << 3;         // 3.12 and later
 inline constexpr unsigned Py_TPFLAGS_DISALLOW_INSTANTIATION = 1U << 7;  // 3.10 and later
+inline constexpr unsigned Py_TPFLAGS_IMMUTABLETYPE = 1U << 8;  // 3.10 and later, nothing before
 inline constexpr unsigned Py_TPFLAGS_BASETYPE = 1U << 10;
 inline constexpr unsigned Py_TPFLAGS_HAVE_VECTORCALL = 1U << 11;
 inline constexpr unsigned Py_TPFLAGS_HAVE_GC = 1U << 14;

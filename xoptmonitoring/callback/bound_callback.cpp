@@ -149,7 +149,7 @@ bool create_bound_callback_type(ModuleState& m) {
     PyType_Spec spec = {"xoptmonitoring._XNotPy_BoundCallback",
                         static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(sizeof(BoundCallbackData))), 0,
                         Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
-                            Py_TPFLAGS_MANAGED_WEAKREF | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                            Py_TPFLAGS_MANAGED_WEAKREF | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
                         slots};
     m.types.bound_callback = xpy.PyType_FromModuleAndSpec(m.module, &spec, nullptr);
     return m.types.bound_callback != nullptr;

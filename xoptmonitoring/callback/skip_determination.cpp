@@ -283,11 +283,13 @@ bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread) {
     // One lock object for both calls: the field may be cleared while the thread waits. The release is not protected:
     // where the line between fails, the lock stays held.
     const Ref lock = load_field(per_thread, record->fSuspendLock);
-    if (!lock || !call_method(lock.get(), m.names.acquire) ||
-        !log_suspension(m, per_thread, m.literals.suspend_lock_acquired)) {
+    const Ref acquire = lock ? get_attr(lock.get(), m.names.acquire) : Ref();
+    // Looked up before: once the lock is held there may be no memory left for it.
+    const Ref release = acquire ? get_attr(lock.get(), m.names.release) : Ref();
+    if (!release || !call(acquire.get()) || !log_suspension(m, per_thread, m.literals.suspend_lock_acquired)) {
         return false;
     }
-    return call_method(lock.get(), m.names.release) && log_suspension(m, per_thread, m.literals.suspend_lock_released);
+    return call(release.get()) && log_suspension(m, per_thread, m.literals.suspend_lock_released);
 }
 
 }  // namespace initial_callback

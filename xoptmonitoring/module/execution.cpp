@@ -267,7 +267,7 @@ int execute_module(PyObject* module) {
         xpy.PyErr_Format(xpy.PyExc_ImportError, "xoptmonitoring needs Python 3.12 or later: no %s", missing);
         return -1;
     }
-    ModuleState* m = state_of(module);
+    ModuleState* m = begin_state(module);
     if (m == nullptr) {
         xpy.PyErr_SetString(xpy.PyExc_SystemError, "the module has no state");
         return -1;

@@ -160,5 +160,14 @@ PyObject* create_module(PyObject* /*spec*/, PyModuleDefBlock* /*definition*/) {
 }
 
 ModuleState* state_of(PyObject* module) {
-    return static_cast<ModuleState*>(xpy.PyModule_GetState(module));
+    auto* m = static_cast<ModuleState*>(xpy.PyModule_GetState(module));
+    return m != nullptr && m->tag == &module_state_tag ? m : nullptr;
+}
+
+ModuleState* begin_state(PyObject* module) {
+    auto* m = static_cast<ModuleState*>(xpy.PyModule_GetState(module));
+    if (m != nullptr) {
+        m->tag = &module_state_tag;
+    }
+    return m;
 }

@@ -8,3 +8,6 @@ PyObject* create_module(PyObject* spec, PyModuleDefBlock* definition);
 
 /// The state of a module object, or null where it has none (yet), with no exception set.
 ModuleState* state_of(PyObject* module);
+
+/// The state of this module's own object at the beginning of its execution, marked as this module's.
+ModuleState* begin_state(PyObject* module);

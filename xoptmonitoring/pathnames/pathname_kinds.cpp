@@ -60,7 +60,11 @@ int is_win32(ModuleState& m) {
         return -1;
     }
     const Ref platform = get_attr(sys.get(), m.names.platform);
-    if (!platform || m.literals.win32_platform == nullptr) {
+    if (!platform) {
+        return -1;
+    }
+    if (m.literals.win32_platform == nullptr) {
+        raise_unset();
         return -1;
     }
     return compare(platform.get(), m.literals.win32_platform, Py_EQ);

@@ -65,6 +65,9 @@ bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, Py
     }
     Ref owned = Ref::share(value);
     if (xpy.PyUnstable_Code_SetExtra(code_object, index, owned.get()) < 0) {
+        if (xpy.PyErr_Occurred() == nullptr) {
+            xpy.PyErr_NoMemory();  // before 3.14 the interpreter does not say so itself
+        }
         return false;
     }
     static_cast<void>(owned.release());  // the slot's from now on

@@ -180,7 +180,11 @@ Ref frozen_pathname(ModuleState& m, PyObject* code_object, PyObject* frame, Ref 
         return code_pathname;
     }
     const Ref globals = get_attr(f.get(), m.names.f_globals);
-    if (!globals || m.names.__file__ == nullptr) {
+    if (!globals) {
+        return {};
+    }
+    if (m.names.__file__ == nullptr) {
+        raise_unset();
         return {};
     }
     Ref f_pathname = dict_get(globals.get(), m.names.__file__, m.names.get);

@@ -86,6 +86,10 @@ Ref creation_line(ModuleState& m, PyObject* pathname, PyObject* checksum) {
     if (!checksum_text) {
         return {};
     }
+    if (m.literals.newline == nullptr) {
+        raise_unset();
+        return {};
+    }
     return Ref::steal(xpy.PyUnicode_FromFormat("%U%S%U%S%U", m.literals.creating_per_file, pathname,
                                                m.literals.checksum_is, checksum_text.get(), m.literals.newline));
 }

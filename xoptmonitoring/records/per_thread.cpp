@@ -496,10 +496,11 @@ bool replace_lost_lock(ModuleState& m) {
         return is_free > 0 && call_method(lock.get(), m.names.release);
     }
     Ref fresh = new_threading_lock(m);
-    if (!fresh) {
+    PyTypeObject* cls = fresh ? this_class(m) : nullptr;
+    if (cls == nullptr) {
         return false;
     }
-    store_class_slot(this_class(m), &ClassData::_fRegistryLock, std::move(fresh));
+    store_class_slot(cls, &ClassData::_fRegistryLock, std::move(fresh));
     return true;
 }
 
@@ -512,8 +513,11 @@ bool reset(ModuleState& m) {
         return record != nullptr;
     };
     const auto disarm = [&m](PyObject* cs) { return thread_exit::disarm(m, cs); };
-    if (!drop_own_capsule(m) || !for_each_value(m, &ClassData::_fPerThreadDict, detach) || !tss_cache::Clear(m) ||
-        !clear_registry(m, &ClassData::_fPerThreadDict) ||
+    if (!drop_own_capsule(m) || !for_each_value(m, &ClassData::_fPerThreadDict, detach)) {
+        return false;
+    }
+    tss_cache::Clear();
+    if (!clear_registry(m, &ClassData::_fPerThreadDict) ||
         !for_each_value(m, &ClassData::_fCleanupSupportByThreadId, disarm) ||
         !clear_registry(m, &ClassData::_fCleanupSupportByThreadId) ||
         !clear_registry(m, &ClassData::_fCleanedUpThreadIds) ||
@@ -521,6 +525,9 @@ bool reset(ModuleState& m) {
         return false;
     }
     PyTypeObject* cls = this_class(m);
+    if (cls == nullptr) {
+        return false;
+    }
     store_class_slot(cls, &ClassData::_fDebugPolicyCallback, new_none());
     store_class_slot(cls, &ClassData::_fNewPerThreadCreatedCallback, new_none());
     store_class_slot(cls, &ClassData::_fGetThreadNameCallback, new_none());

@@ -11,10 +11,12 @@
 /// this does not wait: there is nobody to be kept out.
 class [[nodiscard]] RegistryLock {
   public:
-    explicit RegistryLock(ModuleState& m) : m_(m) {
+    explicit RegistryLock(ModuleState& m) {
         lock_ = per_thread::class_slot(m, &PerThreadClassData::_fRegistryLock);
+        // Looked up before: once the lock is held there may be no memory left for it, and the lock would stay held.
+        release_ = lock_ ? get_attr(lock_.get(), m.names.release) : Ref();
         const bool may_wait = xpy.cached_pid == load_global(m.globals._gThisProcessPid);
-        const Ref acquired = !lock_     ? Ref()
+        const Ref acquired = !release_  ? Ref()
                              : may_wait ? call_method(lock_.get(), m.names.acquire)
                                         : call_method(lock_.get(), m.names.acquire, xpy._Py_FalseStruct);
         entered_ = static_cast<bool>(acquired);
@@ -41,7 +43,7 @@ class [[nodiscard]] RegistryLock {
             return true;
         }
         PendingException pending;
-        if (call_method(lock_.get(), m_.names.release)) {
+        if (call(release_.get())) {
             return true;
         }
         pending.drop();
@@ -49,8 +51,8 @@ class [[nodiscard]] RegistryLock {
     }
 
   private:
-    ModuleState& m_;
     Ref lock_;
+    Ref release_;
     bool entered_ = false;
     bool held_ = false;
 };

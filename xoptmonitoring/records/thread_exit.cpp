@@ -137,7 +137,7 @@ bool __CapsuleDestructor(ModuleState& m, PyObject* self) {
         if (!clean_up(m, self)) {
             print_and_swallow(m);
         }
-        done = AddToThreadStateTracing(m, -1);
+        done = leave_tracing(m);
     }
     PendingException pending;
     if (!change_id_set(m, &ThreadClassData::_fDestructorActiveThreadIds, m.names.discard, current_thread_id.get())) {
@@ -256,7 +256,9 @@ bool SetCapsuleInThreadStateDict(ModuleState& m, PyObject* cleanup_support) {
     const Ref weakref = capsule ? load_global(m, m.globals.weakref) : Ref();
     const Ref destructor = weakref ? get_attr(self, m.names._CCleanupSupport__CapsuleDestructor) : Ref();
     Ref finalizer = destructor ? call_method(weakref.get(), m.names.finalize, capsule.get(), destructor.get()) : Ref();
-    if (!finalizer) {
+    // Not at interpreter exit, where weakref would run it while the thread lives on: the next event would make a new
+    // record with a new finaliser, and so on without end.
+    if (!finalizer || xpy.PyObject_SetAttr(finalizer.get(), m.names.atexit, xpy._Py_FalseStruct) != 0) {
         return false;
     }
     store_field(self, data(self)._fFinalizer, std::move(finalizer));

@@ -40,6 +40,16 @@ bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count) {
     return repeat(support.get(), name, tstate.get(), count);
 }
 
+bool leave_tracing(ModuleState& m) {
+    if (AddToThreadStateTracing(m, -1)) {
+        return true;
+    }
+    if (xpy.PyErr_ExceptionMatches(xpy.PyExc_MemoryError) != 0) {
+        xpy.PyThreadState_LeaveTracing(xpy.PyThreadState_Get());
+    }
+    return false;
+}
+
 bool call_untraced(ModuleState& m, PyObject* callback, PyObject* object) {
     if (callback == none()) {
         return true;
@@ -49,7 +59,7 @@ bool call_untraced(ModuleState& m, PyObject* callback, PyObject* object) {
     }
     const bool called = static_cast<bool>(call(callback, object));
     PendingException pending;
-    if (!AddToThreadStateTracing(m, -1)) {
+    if (!leave_tracing(m)) {
         pending.drop();
         return false;
     }

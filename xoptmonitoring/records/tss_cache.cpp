@@ -36,46 +36,22 @@ TssSlotRecord* current_record_locked(Py_tss_t* key) {
     return static_cast<TssSlotRecord*>(xpy.PyThread_tss_get(key));
 }
 
-/// Frees the calling thread's slot record. False where it named an object that is no record of this module's class:
-/// the message is for the caller to raise, after the lock.
-bool _DropCurrentSlot_locked(PyTypeObject* cls, Ref* foreign) {
+/// Frees the calling thread's slot record. What it names was checked when it was stored, by this module object or by
+/// another one in the process; the back pointer lies at the same place in both.
+void _DropCurrentSlot_locked() {
     Py_tss_t* key = ensure_key_locked();
     TssSlotRecord* rec = key != nullptr ? current_record_locked(key) : nullptr;
     if (rec == nullptr) {
-        return true;
+        return;
     }
     xpy.PyThread_tss_set(key, nullptr);
-    bool reached = true;
     if (rec->per_thread != nullptr) {
-        if (is_instance_of(rec->per_thread, cls)) {
-            PerThreadData& owner = per_thread::data(rec->per_thread);
-            if (owner._fPyTssDataPtr == rec) {
-                owner._fPyTssDataPtr = nullptr;
-            }
-        } else {
-            *foreign = Ref::share(rec->per_thread);
-            reached = false;
+        PerThreadData& owner = per_thread::data(rec->per_thread);
+        if (owner._fPyTssDataPtr == rec) {
+            owner._fPyTssDataPtr = nullptr;
         }
     }
     std::free(rec);
-    return reached;
-}
-
-/// Drops the slot under the lock and raises, after it, where that met a foreign object.
-bool drop_current_slot(ModuleState& m) {
-    PyTypeObject* cls = per_thread::this_class(m);
-    if (cls == nullptr) {
-        return false;
-    }
-    Ref foreign;
-    {
-        const NativeLock lock(_gXOptTssCacheLock);
-        if (_DropCurrentSlot_locked(cls, &foreign)) {
-            return true;
-        }
-    }
-    raise_expected_instance("CPerThread", foreign.get());
-    return false;
 }
 
 }  // namespace
@@ -98,26 +74,19 @@ Ref Get(ModuleState& m) {
     if (cls == nullptr) {
         return {};
     }
-    Ref foreign;
-    {
-        const NativeLock lock(_gXOptTssCacheLock);
-        Py_tss_t* key = ensure_key_locked();
-        const TssSlotRecord* rec = key != nullptr ? current_record_locked(key) : nullptr;
-        if (rec == nullptr) {
-            return new_none();
-        }
-        // A second module object has a class of its own, whose records are not this one's to hand out.
-        if (rec->per_thread != nullptr && rec->tstate == xpy.PyThreadState_Get() &&
-            is_instance_of(rec->per_thread, cls)) {
-            return Ref::share(rec->per_thread);
-        }
-        // Stale: detached, or the operating system's thread has a new thread state.
-        if (_DropCurrentSlot_locked(cls, &foreign)) {
-            return new_none();
-        }
+    const NativeLock lock(_gXOptTssCacheLock);
+    Py_tss_t* key = ensure_key_locked();
+    const TssSlotRecord* rec = key != nullptr ? current_record_locked(key) : nullptr;
+    if (rec == nullptr) {
+        return new_none();
     }
-    raise_expected_instance("CPerThread", foreign.get());
-    return {};
+    // A second module object has a class of its own, whose records are not this one's to hand out.
+    if (rec->per_thread != nullptr && rec->tstate == xpy.PyThreadState_Get() && is_instance_of(rec->per_thread, cls)) {
+        return Ref::share(rec->per_thread);
+    }
+    // Stale: detached, or the operating system's thread has a new thread state.
+    _DropCurrentSlot_locked();
+    return new_none();
 }
 
 bool Store(ModuleState& m, PyObject* per_thread) {
@@ -125,36 +94,29 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     if (owner == nullptr) {
         return false;
     }
-    PyTypeObject* cls = per_thread::this_class(m);
-    Ref foreign;
-    {
-        const NativeLock lock(_gXOptTssCacheLock);
-        Py_tss_t* key = ensure_key_locked();
-        auto* rec = key != nullptr ? static_cast<TssSlotRecord*>(std::calloc(1, sizeof(TssSlotRecord))) : nullptr;
-        if (rec == nullptr) {
-            return true;  // the cache is an optimisation
-        }
-        if (_DropCurrentSlot_locked(cls, &foreign)) {
-            if (xpy.PyThread_tss_set(key, rec) != 0) {
-                std::free(rec);
-                return true;
-            }
-            if (owner->_fPyTssDataPtr != nullptr) {
-                // Stored by another thread before: that slot must not name it any more.
-                *owner->_fPyTssDataPtr = {};
-            }
-            *rec = {per_thread, xpy.PyThreadState_Get()};
-            owner->_fPyTssDataPtr = rec;
-            return true;
-        }
-        std::free(rec);
+    const NativeLock lock(_gXOptTssCacheLock);
+    Py_tss_t* key = ensure_key_locked();
+    auto* rec = key != nullptr ? static_cast<TssSlotRecord*>(std::calloc(1, sizeof(TssSlotRecord))) : nullptr;
+    if (rec == nullptr) {
+        return true;  // the cache is an optimisation
     }
-    raise_expected_instance("CPerThread", foreign.get());
-    return false;
+    _DropCurrentSlot_locked();
+    if (xpy.PyThread_tss_set(key, rec) != 0) {
+        std::free(rec);
+        return true;
+    }
+    if (owner->_fPyTssDataPtr != nullptr) {
+        // Stored by another thread before: that slot must not name it any more.
+        *owner->_fPyTssDataPtr = {};
+    }
+    *rec = {per_thread, xpy.PyThreadState_Get()};
+    owner->_fPyTssDataPtr = rec;
+    return true;
 }
 
-bool Clear(ModuleState& m) {
-    return drop_current_slot(m);
+void Clear() {
+    const NativeLock lock(_gXOptTssCacheLock);
+    _DropCurrentSlot_locked();
 }
 
 void Detach(PerThreadData& per_thread) {
@@ -190,12 +152,18 @@ constexpr FunctionDecl kMethods[] = {
      Binding::Class},
     {"_DropCurrentSlot",
      {},
-     [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return none_or_error(drop_current_slot(m)); },
+     [](ModuleState& /*m*/, PyObject* /*cls*/, const Argument* /*args*/) {
+         Clear();
+         return new_none();
+     },
      "Frees the calling thread's slot. Returns None.",
      Binding::Class},
     {"Clear",
      {},
-     [](ModuleState& m, PyObject* /*cls*/, const Argument* /*args*/) { return none_or_error(Clear(m)); },
+     [](ModuleState& /*m*/, PyObject* /*cls*/, const Argument* /*args*/) {
+         Clear();
+         return new_none();
+     },
      "Frees the calling thread's slot. Returns None.",
      Binding::Class},
     {"Detach", kPerThreadParams,

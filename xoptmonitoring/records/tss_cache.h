@@ -25,8 +25,8 @@ PyObject* peek(const ModuleState& m);
 /// exception set.
 bool Store(ModuleState& m, PyObject* per_thread);
 
-/// Frees the calling thread's slot record. False with an exception set.
-bool Clear(ModuleState& m);
+/// Frees the calling thread's slot record. Raises nothing.
+void Clear();
 
 /// Makes sure that no slot record points at the record whose data this is; from any thread. Raises nothing.
 void Detach(PerThreadData& per_thread);

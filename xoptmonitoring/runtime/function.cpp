@@ -127,6 +127,10 @@ PyObject* call_function(PyObject* callable, PyObject* const* args, std::size_t n
 /// Binds a method to its instance or class, as reading an attribute does.
 PyObject* bind_function(PyObject* callable, PyObject* object, PyObject* type) {
     const FunctionData& function = function_data(callable);
+    if (function.decl == nullptr) {
+        raise_unset();
+        return nullptr;
+    }
     const FunctionDecl& decl = *function.decl;
     if (decl.binding == Binding::Class) {
         PyObject* cls = type != nullptr ? type : as_object(type_of(object));
@@ -275,7 +279,7 @@ bool create_function_type(ModuleState& m) {
     PyType_Spec spec = {
         "xoptmonitoring._XNotPy_Function",
         static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(sizeof(FunctionData))), 0,
-        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
         slots};
     m.types.function = xpy.PyType_FromModuleAndSpec(m.module, &spec, nullptr);
     return m.types.function != nullptr;

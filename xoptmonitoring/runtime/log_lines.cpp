@@ -42,6 +42,10 @@ Ref resolve_text(PyObject* s) {
 }
 
 Ref print_line(ModuleState& m, PyObject* /*self*/, const Argument* args) {
+    if (m.globals._gDPrintfFile == nullptr) {
+        raise_unset();
+        return {};
+    }
     if (!is_logging(m, args[0].integer)) {
         return new_none();
     }

@@ -35,7 +35,11 @@ void finalize_members(PyObject* self, PyTypeObject* base, void* data, std::span<
     } else {
         xpy.PyErr_Clear();  // before 3.10 a built-in type's slots are not to be asked for
     }
-    clear_members(data, fields);
+    for (const FieldDecl& field : fields) {
+        if (is_object_field(field)) {
+            put_slot(self, field_at<PyObject*>(data, field), Ref());  // `__del__` can be called on a living object
+        }
+    }
     if (xpy.PyErr_Occurred() != nullptr) {
         xpy.PyErr_FormatUnraisable(where);
     }

@@ -50,7 +50,12 @@ struct InternalTypes {
     PyObject* CCanonicalPathnameMgr_class;
 };
 
+/// Marks a state as this module's.
+inline constexpr char module_state_tag = 0;
+
 struct ModuleState {
+    /// `&module_state_tag` once execution has begun: a module of another kind can be given this module's type.
+    const char* tag;
     PyObject* module;  ///< borrowed; null once teardown has begun
     InternalTypes types;
     ModuleGlobals globals;
