@@ -1,4 +1,4 @@
-"""Reading what callgrind dumps: which function, and which line of which file, spent how many instructions itself."""
+"""Reading what callgrind dumps: how many instructions each function, and each line, spent itself."""
 
 import collections
 import re
@@ -9,10 +9,13 @@ _COST = re.compile(r"([+-]?\d+|\*) (\d+)$")
 # A function that calls itself has a number behind its name.
 _RECURSION = re.compile(r"'\d+$")
 
-# Names are written out once and are numbers after that, each kind with numbers of its own; and over all the dumps of
-# a run, since callgrind forgets none of them.
-_KIND = {"ob": "object", "cob": "object", "fl": "file", "fi": "file", "fe": "file", "cfi": "file", "cfl": "file",
-         "fn": "function", "cfn": "function"}
+# Names are written out once and are numbers after that, each kind with numbers of its own; and over all the
+# dumps of a run, since callgrind forgets none of them.
+_KIND = {
+    "ob": "object", "cob": "object",
+    "fl": "file", "fi": "file", "fe": "file", "cfi": "file", "cfl": "file",
+    "fn": "function", "cfn": "function",
+}
 
 
 class DumpReader:

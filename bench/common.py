@@ -101,7 +101,8 @@ def run_inside(interpreter, script, *words, package=PACKAGE, prefix=(), more_pat
         PYTHONHASHSEED="0", XOPT_CONTESTANTS=str(CONTESTANTS), PYDEVD_DISABLE_FILE_VALIDATION="1",
     )
     command = [*prefix, interpreter["command"], BENCH / "inside" / script, *words]
-    result = subprocess.run([str(word) for word in command], env=environment, stdout=subprocess.PIPE, text=True)
+    result = subprocess.run([str(word) for word in command], env=environment, text=True,
+                            stdout=subprocess.PIPE)
     if result.returncode != 0:
         raise Failure("{} failed under {}".format(script, interpreter["label"]))
     return json.loads(result.stdout)
@@ -131,7 +132,7 @@ def describe_machine():
 
 
 def save(name, content):
-    """Write a result into build/bench: text as it is, anything else as JSON, with the machine that it is from."""
+    """Write a result into build/bench: text as it is, anything else as JSON, with the machine it is from."""
     RESULTS.mkdir(parents=True, exist_ok=True)
     if not isinstance(content, str):
         content = json.dumps({"machine": describe_machine(), "interpreters": content}, indent=1) + "\n"

@@ -1,16 +1,17 @@
 /* What the module is measured against: callbacks written by hand in C.
  *
- * One library for every interpreter, loaded through ctypes: it needs no headers, only the few functions declared
- * below, and returns None as it is, since None is never deallocated from 3.12 on.
+ * One library for every interpreter, loaded through ctypes: it needs no headers, only the few functions
+ * declared below, and returns None as it is, since None is never deallocated from 3.12 on.
  *
  *   floor            answers None, and nothing else: what the interpreter itself charges for an event
  *   disabling_floor  the same with DISABLE, which switches the event off in that place
- *   line_filter      the least that a filter of LINE events can do: the code object's own slot leads to a set of line
- *                    numbers, and the line is not in it
- *   thread_filter    the least that a filter of other events can do: the code object's own slot, and the thread's
+ *   line_filter      the least that a filter of LINE events can do: the code object's own slot leads to a set
+ *                    of line numbers, and the line is not in it
+ *   thread_filter    the least that a filter of other events can do: the code object's own slot, and the
+ *                    thread's
  *
- * The filters skip what they are given and are no use for anything else: where a look-up fails, or the line is in
- * the set, they raise, so that a measurement that does not measure a skip cannot go unnoticed.
+ * The filters skip what they are given and are no use for anything else: where a look-up fails, or the line
+ * is in the set, they raise, so that a measurement that does not measure a skip cannot go unnoticed.
  */
 #include <stddef.h>
 
@@ -106,8 +107,8 @@ PyMethodDef disabling_floor_definition = {"disabling_floor", disabling_floor_cal
 PyMethodDef line_filter_definition = {"line_filter", line_filter_callback, METH_FASTCALL, NULL};
 PyMethodDef thread_filter_definition = {"thread_filter", thread_filter_callback, METH_FASTCALL, NULL};
 
-/* Reserves the slots that the filters look into, and takes what the disabling floor answers, which somebody else
- * keeps alive. Returns 0, or -1 where there are no slots. */
+/* Reserves the slots that the filters look into, and takes what the disabling floor answers, which somebody
+ * else keeps alive. Returns 0, or -1 where there are no slots. */
 int prepare(PyObject* disable_answer) {
     disable = disable_answer;
     code_index = PyUnstable_Eval_RequestCodeExtraIndex(NULL);

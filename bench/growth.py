@@ -22,8 +22,8 @@ def format_growing(entries):
         taken = dict(found)
         (least, base), (most, whole) = found[0], found[-1]
         each = (whole - base) / (most - least) if most > least else 0
-        lines.append([call, *("{:.1f}".format(taken[count] / 1000) if count in taken else "" for count in counts),
-                      "{:.0f}".format(each)])
+        cells = ["{:.1f}".format(taken[count] / 1000) if count in taken else "" for count in counts]
+        lines.append([call, *cells, "{:.0f}".format(each)])
     return common.format_table(["microseconds, with so many records", *counts, "nanoseconds of each"], lines)
 
 
@@ -34,8 +34,8 @@ def format_constant(entries):
     counts = sorted({entry["count"] for entry in entries})
     lines = []
     for (event, title), found in rows.items():
-        cells = ["{:.1f} ({:.2f})".format(found[count]["nanoseconds"], found[count]["ratio"]) if count in found else ""
-                 for count in counts]
+        cells = ["{:.1f} ({:.2f})".format(found[count]["nanoseconds"], found[count]["ratio"])
+                 if count in found else "" for count in counts]
         lines.append(["{}, {}".format(event, title), *cells])
     return common.format_table(["nanoseconds of a skipped event (times the floor)", *counts], lines)
 

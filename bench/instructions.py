@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """How many instructions an event costs, counted by callgrind.
 
-Each workload runs under nothing, under a function that does nothing, under a filter written by hand in C, and under
-the module's own Callback on the road that skips the event. What is printed is the difference to the run under
-nothing, divided by the number of events. The count is the same each time, on a busy machine as well.
+Each workload runs under nothing, under a function that does nothing, under a filter written by hand in C, and
+under the module's own Callback on the road that skips the event. What is printed is the difference to the run
+under nothing, divided by the number of events. The count is the same each time, on a busy machine as well.
 """
 
 import argparse

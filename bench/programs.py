@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""How much slower whole programs are under debuggers, with a breakpoint that is never hit; and what stops cost.
+"""How much slower whole programs are under debuggers with a breakpoint that is never hit; what stops cost.
 
-Writes build/bench/programs.json and programs.svg. With --instructions, the instructions of the programs are counted
-by callgrind, under nothing and under this project's tracer: the same each time, also on a busy machine.
+Writes build/bench/programs.json and programs.svg. With --instructions, the instructions of the programs are
+counted by callgrind, under nothing and under this project's tracer: the same each time, also on a busy
+machine.
 """
 
 import argparse
@@ -13,7 +14,8 @@ import callgrind_dump
 import common
 import svg
 
-QUICK = (3, 5, 1)  # rounds, milliseconds of a sample, and seconds for one debugger, program and breakpoint at most
+# Rounds, milliseconds of a sample, and how many seconds one debugger, program and breakpoint get at most
+QUICK = (3, 5, 1)
 FULL = (11, 25, 6)
 
 SPOTS = ("in another file", "in another function of the same file", "in the hot function")
@@ -76,8 +78,8 @@ def draw(results):
                        if entry["program"] == program and entry["debugger"] == "this tracer"}
             groups.append((label, [factors[spot] for spot in SPOTS]))
         panels.append((program, groups))
-    return svg.bar_chart("Programs under the tracer, with one breakpoint that is never hit", "times as long", SPOTS,
-                         panels)
+    return svg.bar_chart("Programs under the tracer, with one breakpoint that is never hit", "times as long",
+                         SPOTS, panels)
 
 
 def count(interpreter, programs, package):
@@ -108,7 +110,7 @@ def main():
     common.add_interpreter_option(parser)
     parser.add_argument("--quick", action="store_true", help="fewer programs, fewer and shorter rounds")
     parser.add_argument("--instructions", action="store_true", help="count instructions instead")
-    parser.add_argument("--debuggers", metavar="FOLDER", help="where to look for debuggers to compare with, too")
+    parser.add_argument("--debuggers", metavar="FOLDER", help="where other debuggers are, to compare with")
     arguments = parser.parse_args()
     effort = QUICK if arguments.quick else FULL
     programs = QUICK_PROGRAMS if arguments.quick else PROGRAMS

@@ -15,8 +15,8 @@ def bar_chart(title, unit, series, panels):
     """Horizontal bars.
 
     series  the names of the bars in each group, in order
-    panels  a list of (heading, groups); groups is a list of (label, values), with None for a bar that is missing.
-            Each panel has a scale of its own.
+    panels  a list of (heading, groups); groups is a list of (label, values), with None for a bar that is
+            missing. Each panel has a scale of its own.
     """
     parts = []
     y = 28

@@ -1,8 +1,8 @@
 """A person at a debugger's front end, played by a script: sets a breakpoint and answers each stop.
 
-Speaks the debug adapter protocol. Reads one line of JSON: host, port, file, lineno, condition, and the answers to
-stops ("continue", "over", "out"), the last of which is repeated. Prints "ready" once the breakpoint is set, and stays
-until its input ends.
+Speaks the debug adapter protocol. Reads one line of JSON: host, port, file, lineno, condition, and the
+answers to stops ("continue", "over", "out"), the last of which is repeated. Prints "ready" once the
+breakpoint is set, and stays until its input ends.
 """
 
 import itertools

@@ -48,7 +48,7 @@ def python_floor(*args):
 
 
 def make_python_filter(linenos_of_file):
-    """A filter of LINE events written in Python, from a dictionary: file name -> line numbers of breakpoints."""
+    """A filter of LINE events written in Python, from a dictionary: file name -> lines with breakpoints."""
     own_pid = os.getpid()
     internal_files = {__file__}
     stepping_threads = set()
@@ -67,7 +67,7 @@ def make_python_filter(linenos_of_file):
 
 
 def watch(code, linenos):
-    """Make the filters skip the events of a code object in the calling thread, but not those of these lines."""
+    """Make the filters skip the events of a code object in the calling thread, but for those lines."""
     linenos = set(linenos)
     _watched.append(linenos)
     if _library.watch_code(code, linenos) != 0:

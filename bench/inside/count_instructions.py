@@ -1,7 +1,7 @@
 """Let callgrind count the instructions of each workload under each callback.
 
-Each run is made in two sizes, and what each of them costs is dumped on its own: all that does not depend on the size
-is in both. Prints, as JSON, one entry for each dump, in the order of the dumps.
+Each run is made in two sizes, and what each of them costs is dumped on its own: all that does not depend on
+the size is in both. Prints, as JSON, one entry for each dump, in the order of the dumps.
 """
 
 import gc

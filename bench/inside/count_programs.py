@@ -2,8 +2,8 @@
 
 usage: count_programs.py PROGRAM[,PROGRAM...]
 
-Each is counted once for one call of the program and once for three, after a warm-up. Prints, as JSON, one entry for
-each dump, in the order of the dumps.
+Each is counted once for one call of the program and once for three, after a warm-up. Prints, as JSON, one
+entry for each dump, in the order of the dumps.
 """
 
 import gc

@@ -1,7 +1,7 @@
-"""What a program can be run under: this project's tracer, others that people use, and the least that any can do.
+"""What a program can be run under: this project's tracer, and what else there is.
 
-Each debugger calls a function in which `breakpoint`, a place with a file and a line, is set. `on_hit(frame)` is called
-at each stop and answers "continue", "over" or "out".
+Each debugger calls a function in which `breakpoint`, a place with a file and a line, is set. `on_hit(frame)`
+is called at each stop and answers "continue", "over" or "out".
 """
 
 import bdb
@@ -94,8 +94,10 @@ class StandardDebugger:
 
 
 class LeastDebugger:
-    """A C function that does nothing, called for each line of the hot function: no debugger, but a lower bound for
-    those that keep the line events of a function with a breakpoint."""
+    """A C function that does nothing, called for each line of the hot function.
+
+    No debugger, but a lower bound for those that keep the line events of a function with a breakpoint.
+    """
 
     name = "empty C callback for the hot function's lines"
 

@@ -2,8 +2,8 @@
 
 usage: measure_growth.py ROUNDS COUNT[,COUNT...]
 
-Prints JSON with three lists: what `reset` and the listing functions take with so many records; what an event takes
-with so many records, threads and breakpoints; and how many bytes a record takes.
+Prints JSON with three lists: what `reset` and the listing functions take with so many records; what an event
+takes with so many records, threads and breakpoints; and how many bytes a record takes.
 """
 
 import gc
@@ -137,7 +137,8 @@ def constant(rounds, counts):
             monitoring.set_local_events(TOOL, workload.code, workload.event)
             nanoseconds, ratio = event_cost(workload, workloads.MAKERS[kind](), callback, rounds * 4)
             monitoring.set_local_events(TOOL, workload.code, 0)
-            yield {"event": kind, "number of": title, "count": count, "nanoseconds": nanoseconds, "ratio": ratio}
+            yield {"event": kind, "number of": title, "count": count, "nanoseconds": nanoseconds,
+                   "ratio": ratio}
         xo.reset()
         codes.clear()
 
@@ -159,8 +160,10 @@ def parts(*objects):
 
 
 def memory(count):
-    """Bytes of a record of each kind: in all, and of the objects that it consists of. Code objects come last: a
-    free-threaded interpreter gives their memory back late."""
+    """Bytes of a record of each kind: in all, and of the objects that it consists of.
+
+    Code objects come last, since a free-threaded interpreter gives their memory back late.
+    """
     names = file_names(count)
     codes = make_codes(count, "/srv/app/one_file.py")
     tracemalloc.start()
@@ -174,9 +177,9 @@ def memory(count):
     thread_count = min(count, 1000)
     thread_bytes = bytes_of_each(thread_count, lambda: make_thread_records(thread_count))
     record = xo.CPerThread.GetPerThread(FIRST_THREAD_ID)
-    yield {"record of": "thread", "bytes": thread_bytes, "objects": {
-        "record": parts(record),
-        **{name: parts(getattr(record, name)) for name in ("fSteppingCodeObjects", "fSuspendLock", "fThreadId")}}}
+    fields = ("fSteppingCodeObjects", "fSuspendLock", "fThreadId")
+    yield {"record of": "thread", "bytes": thread_bytes,
+           "objects": {"record": parts(record), **{name: parts(getattr(record, name)) for name in fields}}}
     del record
     xo.reset()
     code_bytes = bytes_of_each(count, lambda: make_code_records(codes))

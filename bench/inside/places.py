@@ -1,4 +1,4 @@
-"""Where to put a breakpoint that a program never hits: far from its hot code, near it, and in the middle of it."""
+"""Where to put a breakpoint that a program never hits: far from its hot code, near it, and inside."""
 
 import collections
 import inspect
@@ -70,13 +70,13 @@ def find_places(program, other_file):
             break
     else:
         raise RuntimeError("every line of the program is reached")
-    reached = {lineno for code, lines in counts.items() if code.co_filename == hot_code.co_filename
-               for lineno in lines}
+    hot_file = hot_code.co_filename
+    reached = {lineno for code, lines in counts.items() if code.co_filename == hot_file for lineno in lines}
     return Places(
         hot_code,
         next(Place(other_file, lineno) for lineno in unreached_function(other_file, set())),
-        next(Place(hot_code.co_filename, lineno) for lineno in unreached_function(hot_code.co_filename, reached)),
-        Place(hot_code.co_filename, unreached[-1]),
+        next(Place(hot_file, lineno) for lineno in unreached_function(hot_file, reached)),
+        Place(hot_file, unreached[-1]),
     )
 
 

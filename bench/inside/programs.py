@@ -1,7 +1,7 @@
 """Programs to be debugged: real code of the standard library, and two of our own that do nothing but compute.
 
-Each is a function without arguments that does a few milliseconds' work. None of them calls itself, uses threads or
-prints anything; the work is in Python code, since that is what a debugger slows down.
+Each is a function without arguments that does a few milliseconds' work. None of them calls itself, uses
+threads or prints anything; the work is in Python code, since that is what a debugger slows down.
 """
 
 import ast

@@ -1,6 +1,7 @@
-"""Time a program under debugpy, where that is installed. It cannot be switched off again, so each measurement is a
-process of its own, and what is measured under nothing comes first. At a stop, the thread waits for two other processes;
-that time is not counted.
+"""Time a program under debugpy, where that is installed.
+
+It cannot be switched off again, so each measurement is a process of its own, and what is measured under
+nothing comes first. At a stop, the thread waits for two other processes; that time is not counted.
 
 usage: time_debugpy.py ROUNDS MILLISECONDS SECONDS_FOR_EACH PROGRAM SPOT    a breakpoint that is never hit
        time_debugpy.py ROUNDS MILLISECONDS SECONDS_FOR_EACH ACTION          what is done at one that is hit
@@ -32,8 +33,8 @@ class Session:
 
         host, port = debugpy.listen(("127.0.0.1", 0))
         client = pathlib.Path(__file__).with_name("adapter_client.py")
-        self._client = subprocess.Popen([sys.executable, client], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        text=True)
+        self._client = subprocess.Popen([sys.executable, client], text=True, stdin=subprocess.PIPE,
+                                        stdout=subprocess.PIPE)
         wanted = {"host": host, "port": port, "file": breakpoint.file, "lineno": breakpoint.lineno,
                   "condition": condition, "answers": answers}
         self._client.stdin.write(json.dumps(wanted) + "\n")
@@ -60,7 +61,8 @@ def never_hit(effort, name, spot):
     while len(samples) < effort.rounds and (not samples or time.monotonic() < deadline):
         samples.append(time_programs.time_units(program, busy_units))
     session.close()
-    return {"program": name, "breakpoint": spot, "debugger": NAME, "slowdown": statistics.median(samples) / idle}
+    return {"program": name, "breakpoint": spot, "debugger": NAME,
+            "slowdown": statistics.median(samples) / idle}
 
 
 def at_stop(effort, action):

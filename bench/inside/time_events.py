@@ -1,14 +1,15 @@
-"""Time every road through the first stage, and the calls that a tracer makes, beside functions that do nothing.
+"""Time every road through the first stage, and the calls that a tracer makes, beside empty functions.
 
-All roads take turns in one process, over and over. A sample of a road is set against the sample that its floor gave
-in the same round, so that a machine which gets slower or faster for a while does so for both. The time is that of the
-thread, which does not run on while something else has the processor; where threads are started, that of the process.
+All roads take turns in one process, over and over. A sample of a road is set against the sample that its
+floor gave in the same round, so that a machine which gets slower or faster for a while does so for both. The
+time is that of the thread, which does not run on while something else has the processor; where threads are
+started, that of the process.
 
 usage: time_events.py ROUNDS MILLISECONDS
 
-Prints, as JSON, one entry for each road: nanoseconds of an event, less what the same code takes without events, and
-how many times those of the floor that is. Where there is no floor, it is all that the code takes. What happens in a
-forked child is measured in a forked child.
+Prints, as JSON, one entry for each road: nanoseconds of an event, less what the same code takes without
+events, and how many times those of the floor that is. Where there is no floor, it is all that the code takes.
+What happens in a forked child is measured in a forked child.
 """
 
 import gc
@@ -34,9 +35,10 @@ NO_LINES = frozenset({workloads.NO_LINE})
 
 
 class Road:
-    """Something that is timed. `run(size)` does it `size * per_size` times; `before` and `after` are not timed."""
+    """Something that is timed: `run(size)` does it `size * per_size` times, between `before` and `after`."""
 
-    def __init__(self, group, title, run, per_size, size=None, before=None, after=None, clock=time.thread_time_ns):
+    def __init__(self, group, title, run, per_size, *, size=None, before=None, after=None,
+                 clock=time.thread_time_ns):
         self.group = group
         self.title = title
         self.run = run
@@ -135,7 +137,8 @@ def line_roads():
         event_road("LINE", "Callback: no breakpoint in the line", module),
         event_road("LINE", "Callback: internal code, None", internal),
         event_road("LINE", "Callback: some thread is to be held", module_holding),
-        event_road("LINE", "Callback: calls a C function that does nothing", calling(contestants.floor, every_line)),
+        event_road("LINE", "Callback: calls a C function that does nothing",
+                   calling(contestants.floor, every_line)),
         event_road("LINE", "Callback: calls a Python function that does nothing",
                    calling(contestants.python_floor, every_line)),
     ]
@@ -144,7 +147,8 @@ def line_roads():
 def other_roads(kind):
     roads = floors(kind) + [event_road(kind, "Callback: not wanted", module)]
     if kind == "PY_START":
-        roads.append(event_road(kind, "Callback: thread is not debugged", module, set_policy(0), set_policy(1)))
+        roads.append(event_road(kind, "Callback: thread is not debugged", module,
+                                set_policy(0), set_policy(1)))
         roads.append(event_road(kind, "Callback: internal code, None", internal))
     return roads
 
@@ -218,7 +222,7 @@ def call_roads():
 
 
 def new_code_road(title, callback):
-    """A road through the first events of new code objects: their records are made and the second stage is called."""
+    """A road through first events of new code objects: their records are made, the second stage is called."""
     count = 200
     monitored = []
 

@@ -1,8 +1,8 @@
-"""Time whole programs under debuggers with a breakpoint that is never hit, and what is done at one that is hit.
+"""Time whole programs under debuggers: with a breakpoint that is never hit, and at one that is hit.
 
-Every run under a debugger is set against one under nothing just before it, in the same process. Both begin with a
-warm-up: what is measured is the steady state, after the interpreter has specialised the code, and after a debugger has
-seen what it needs to see once.
+Every run under a debugger is set against one under nothing just before it, in the same process. Both begin
+with a warm-up: what is measured is the steady state, after the interpreter has specialised the code, and
+after a debugger has seen what it needs to see once.
 
 usage: time_programs.py ROUNDS MILLISECONDS SECONDS_FOR_EACH PROGRAM[,PROGRAM...]
 
@@ -171,7 +171,8 @@ def at_stops(effort):
     for debugger in (debuggers.OWN, *debuggers.standard_debuggers()):
         for action, (condition, count) in LOOPS.items():
             samples = [hits(debugger, condition, count) for _ in range(rounds)]
-            yield {"action": action, "debugger": debugger.name, "microseconds": statistics.median(samples) / 1000}
+            yield {"action": action, "debugger": debugger.name,
+                   "microseconds": statistics.median(samples) / 1000}
         for action, (function, answers, stops) in STEPS.items():
             ratios = [step(debugger, function, breakpoint, answers, stops, UNITS_OF_A_STEP) / idle()
                       for _ in range(rounds)]

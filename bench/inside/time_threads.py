@@ -1,13 +1,13 @@
 """Measure how skipped LINE events scale with the number of threads.
 
-All threads start together at a barrier and run the same number of events each; they share one CInitialCallback, as in
-a debugger. They run either one code object between them or one each.
+All threads start together at a barrier and run the same number of events each; they share one
+CInitialCallback, as in a debugger. They run either one code object between them or one each.
 
 usage: time_threads.py ROUNDS MILLISECONDS THREADS[,THREADS...]
 
-Prints, as JSON, for each callback and number of threads: events of a second in all threads together (the best round,
-since other work on the machine only ever takes away), and the processor time of one event in nanoseconds (the median),
-in which waiting is not seen but a contended cache line is.
+Prints, as JSON, for each callback and number of threads: events of a second in all threads together (the best
+round, since other work on the machine only ever takes away), and the processor time of one event in
+nanoseconds (the median), in which waiting is not seen but a contended cache line is.
 """
 
 import json
@@ -67,13 +67,13 @@ class Crowd:
 
 
 def make_crowds(most_threads):
-    first_stage = module_callback.xo.CInitialCallback(LINE, module_callback.second_stage_never, False).Callback
+    first_stage = module_callback.xo.CInitialCallback(LINE, module_callback.second_stage_never, False)
     for is_code_shared in (True, False):
         for title, prepare, callback in (
             ("no events", lambda code: None, None),
             ("floor", lambda code: None, contestants.floor),
             ("by hand in C", lambda code: contestants.watch(code, NO_LINES), contestants.line_filter),
-            ("Callback", lambda code: module_callback.make(code, LINE, NO_LINES), first_stage),
+            ("Callback", lambda code: module_callback.make(code, LINE, NO_LINES), first_stage.Callback),
         ):
             yield Crowd(title, is_code_shared, most_threads, prepare, callback)
 

@@ -1,7 +1,8 @@
 """Code that raises one kind of event over and over and does next to nothing else.
 
-A workload is made anew for each measurement, so that no code object has seen another callback. `run(rounds)` raises
-`per_round` events of its kind in each round, in `code`; all else that happens costs the same with and without them.
+A workload is made anew for each measurement, so that no code object has seen another callback. `run(rounds)`
+raises `per_round` events of its kind in each round, in `code`; all else that happens costs the same with and
+without them.
 """
 
 import itertools
@@ -17,7 +18,8 @@ NO_LINE = 100_000
 _LINES = "def run(rounds):\n for _ in rounds:\n" + "  a = None\n" * LINES_PER_ROUND
 _CALLS = "def called(): pass\ndef run(rounds):\n for _ in rounds:\n" + "  called()\n" * 10
 _YIELDS = (
-    "def called(rounds):\n for _ in rounds:\n" + "  yield\n" * 10 + "def run(rounds):\n for _ in called(rounds): pass\n"
+    "def called(rounds):\n for _ in rounds:\n" + "  yield\n" * 10
+    + "def run(rounds):\n for _ in called(rounds): pass\n"
 )
 
 

@@ -18,7 +18,8 @@ def compile_helper(name, directory):
     library = os.path.join(directory, name + ".so")
     environment = {key: value for key, value in os.environ.items() if key != "LD_PRELOAD"}
     compiled = subprocess.run(
-        [compiler, "-O1", "-fPIC", "-shared", "-pthread", "-o", library, os.path.join(TESTS_DIR, name + ".c")],
+        [compiler, "-O1", "-fPIC", "-shared", "-pthread", "-o", library,
+         os.path.join(TESTS_DIR, name + ".c")],
         env=environment, capture_output=True, encoding="utf-8", errors="backslashreplace", check=False)
     if compiled.returncode != 0:
         raise AssertionError(f"the test's helper does not compile:\n{compiled.stderr}")

@@ -1,4 +1,4 @@
-"""The first stage of an event, called directly: its fields, its log lines, its private look-ups, its failures."""
+"""The first stage of an event, called directly: its fields, its log lines, its look-ups, its failures."""
 
 import gc
 import sys
@@ -58,7 +58,8 @@ class FieldsTest(EventTestCase):
         for value in ("1", None, 1.5, [], 2 ** 63, -2 ** 63 - 1):
             with self.subTest(value=value):
                 expected = conversion_error(value)
-                self.assert_raises_text(type(expected), str(expected), CInitialCallback, value, self.second, True)
+                self.assert_raises_text(type(expected), str(expected),
+                                        CInitialCallback, value, self.second, True)
 
     def test_any_machine_word_is_an_event_id(self):
         for value in (0, -1, 2 ** 63 - 1, -2 ** 63, True):
@@ -404,8 +405,8 @@ class FailureTest(EventTestCase):
 
     def test_any_exception_of_the_second_callback_is_logged_and_answered_none(self):
         code, _ = self.known_code(3)
-        for error in (NastyError("second"), KeyboardInterrupt(), SystemExit(2), GeneratorExit(), StopIteration(),
-                      MemoryError(), RecursionError()):
+        for error in (NastyError("second"), KeyboardInterrupt(), SystemExit(2), GeneratorExit(),
+                      StopIteration(), MemoryError(), RecursionError()):
             with self.subTest(error=error):
                 self.second.error = error
                 self.assertIsNone(self.make_callback(xo.kPyLineEventId).Callback(code, 3))

@@ -358,7 +358,8 @@ class DisableTest(MonitoringTestCase):
 
     def test_a_second_callback_may_switch_a_place_off_itself(self):
         program = self.make_program()
-        self.register("PY_START", second=self.note("PY_START", sys.monitoring.DISABLE), can_return_disable=False)
+        self.register("PY_START", second=self.note("PY_START", sys.monitoring.DISABLE),
+                      can_return_disable=False)
         self.switch_on(program, "PY_START")
         program.run("send")
         program.run("send")

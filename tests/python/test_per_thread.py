@@ -1,4 +1,4 @@
-"""Per-thread records: their fields, the registry, the debug policy, the name, and what happens when in between."""
+"""Per-thread records: their fields, the registry, the debug policy, the name, and what happens in between."""
 
 import gc
 import sys
@@ -421,7 +421,8 @@ class RegistryLockTest(EventTestCase):
             self.assertIsNone(CPerThread.GetPerThread(SOME_ID, False))
 
     def test_creating_and_discarding_wait_for_the_lock(self):
-        for change in (lambda: CPerThread.GetPerThread(SOME_ID), lambda: CPerThread._DiscardPerThread(SOME_ID)):
+        for change in (lambda: CPerThread.GetPerThread(SOME_ID),
+                       lambda: CPerThread._DiscardPerThread(SOME_ID)):
             with Worker() as worker:
                 with CPerThread._fRegistryLock:
                     call = worker.begin(change)
@@ -446,7 +447,8 @@ class RegistryLockTest(EventTestCase):
         states = []
         for thread_id in (SOME_ID, OTHER_ID):
             record = CPerThread(thread_id)
-            record.fStopFrame = reentering(lambda: states.append(CPerThread._fRegistryLock.locked()), "__del__")
+            record.fStopFrame = reentering(
+                lambda: states.append(CPerThread._fRegistryLock.locked()), "__del__")
             del record
         CPerThread(SOME_ID)
         CPerThread._DiscardPerThread(OTHER_ID)
@@ -751,7 +753,8 @@ class DebugPolicyTest(EventTestCase):
                 self.assertEqual(record.fDebugPolicy, policy)
 
     def test_the_answer_is_made_an_integer(self):
-        for answer, policy in ((True, 1), (2.9, 2), ("7", 7), (raising("__int__", base=int, args=(3,)), None)):
+        for answer, policy in ((True, 1), (2.9, 2), ("7", 7),
+                               (raising("__int__", base=int, args=(3,)), None)):
             with self.subTest(answer=type(answer)):
                 CPerThread.SetDebugPolicyCallback(Recorder(result=answer))
                 record = CPerThread(SOME_ID)

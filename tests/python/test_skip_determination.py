@@ -104,9 +104,10 @@ class DecisionTableTest(DecisionTestCase):
             record_of[is_internal] = make()
         thread = self.set_thread()
         decided = set()
-        for (event, breakpoint, internal, can_disable, suspend, every_thread, policy, thread_steps, code_steps,
-             returns_needed) in itertools.product(events, breakpoints, flags, flags, flags, flags, (-1, 0, 1),
-                                                  flags, flags, flags):
+        for case in itertools.product(events, breakpoints, flags, flags, flags, flags, (-1, 0, 1),
+                                      flags, flags, flags):
+            (event, breakpoint, internal, can_disable, suspend, every_thread, policy,
+             thread_steps, code_steps, returns_needed) = case
             if internal:
                 expected = DISABLE if can_disable else SKIP
             elif (event == "LINE" and breakpoint == "elsewhere"
@@ -131,9 +132,7 @@ class DecisionTableTest(DecisionTestCase):
             callback = self.make_callback(EVENT_IDS.get(event, FOREIGN_EVENT_ID), can_disable)
             callback.fAnySuspendThread = suspend
             callback.fSteppingEventsNeededEveryThread = every_thread
-            self.assertIs(callback._SkipDetermination(code, 7), expected,
-                          (event, breakpoint, internal, can_disable, suspend, every_thread, policy, thread_steps,
-                           code_steps, returns_needed))
+            self.assertIs(callback._SkipDetermination(code, 7), expected, case)
             decided.add(expected)
         self.assertEqual(decided, {SKIP, CALL, DISABLE})
 
@@ -413,7 +412,8 @@ class SecondCallbackFilterTest(DecisionTestCase):
                 self.skips(event_id)
 
     def test_anything_true_is_stepping(self):
-        for value, skipped in ((True, False), (1, False), ("yes", False), (False, True), (0, True), (None, True)):
+        for value, skipped in ((True, False), (1, False), ("yes", False),
+                               (False, True), (0, True), (None, True)):
             with self.subTest(value=value):
                 self.thread.fSteppingEventsNeeded = value
                 self.assertIs(self.skips(xo.kPyStartEventId), skipped)
@@ -456,7 +456,8 @@ class SecondCallbackFilterTest(DecisionTestCase):
         for event_id in EVENT_IDS.values():
             callback = self.make_callback(event_id)
             callback.fAnySuspendThread = callback.fSteppingEventsNeededEveryThread = True
-            self.assertIs(callback._SkipSecondCallback(self.code, self.record, self.thread, LINE_WITHOUT), True)
+            answer = callback._SkipSecondCallback(self.code, self.record, self.thread, LINE_WITHOUT)
+            self.assertIs(answer, True)
 
     def test_a_missing_record_is_an_error_and_not_a_crash(self):
         callback = self.make_callback(xo.kPyLineEventId)

@@ -1,8 +1,8 @@
 """The skip path costs nothing but time: no memory, no reference, no Python code.
 
 Memory that is taken and given back at once leaves no trace in a count of blocks, but it raises the peak of
-traced memory. The interpreter keeps spare objects of some kinds at hand; while those are used up, a new object
-of these kinds shows as well. What the measurement itself takes is measured with a callable that does nothing.
+traced memory. The interpreter keeps spare objects of some kinds at hand; while those are used up, a new one
+shows as well. What the measurement itself takes is measured with a callable that does nothing.
 """
 
 import contextlib
@@ -149,8 +149,8 @@ class SkipPathTest(EventTestCase):
         for name, event_id in EVENT_IDS.items():
             if name != "LINE":
                 yield f"{name} of no interest", self.make_callback(event_id, True), known, None
-            yield (f"{name} of internal code that is switched off", self.make_callback(event_id, True), internal,
-                   xo.kSysMonitoringDisable)
+            yield (f"{name} of internal code that is switched off", self.make_callback(event_id, True),
+                   internal, xo.kSysMonitoringDisable)
             yield f"{name} of internal code that is ignored", self.make_callback(event_id), internal, None
         thread.fDebugPolicy = 0
         record.fSteppingEventsNeededCount = 1

@@ -1,4 +1,4 @@
-"""The per-thread storage cache: one slot per thread, which borrows the record and remembers the thread state."""
+"""The per-thread storage cache: one slot per thread, which borrows the record and knows the thread state."""
 
 import gc
 import os
@@ -325,7 +325,8 @@ class EndOfARecordTest(EventTestCase):
         self.assertEqual(CPerThread.GetPerThread().fThreadId, identity)
 
     def test_a_record_discarded_while_it_is_announced_and_dropped_at_once_is_not_found_again(self):
-        CPerThread.SetNewPerThreadCreatedCallback(lambda record: CPerThread._DiscardPerThread(record.fThreadId))
+        CPerThread.SetNewPerThreadCreatedCallback(
+            lambda record: CPerThread._DiscardPerThread(record.fThreadId))
         for _ in range(50):
             CPerThread.GetPerThread()
             self.assertIsNone(Cache.Get())

@@ -1,4 +1,4 @@
-"""Thread-exit clean-up: the marker in the thread-state dictionary, its finalizer, and what the end of a thread does."""
+"""Thread-exit clean-up: the marker in the thread-state dictionary, its finalizer, and the end of a thread."""
 
 import contextlib
 import gc
@@ -184,7 +184,8 @@ class PlantingTest(EventTestCase):
 
     def test_methods_refuse_another_self(self):
         for method in (CCleanupSupport.Clear, CCleanupSupport.SetCapsuleInThreadStateDict,
-                       CCleanupSupport._InvalidateCapsule, CCleanupSupport._CCleanupSupport__CapsuleDestructor):
+                       CCleanupSupport._InvalidateCapsule,
+                       CCleanupSupport._CCleanupSupport__CapsuleDestructor):
             with self.subTest(method=method):
                 with self.assertRaises(TypeError):
                     method(5)
@@ -345,11 +346,13 @@ class DestructorTest(EventTestCase):
 
         class Lock:
             def acquire(self):
-                steps.append(("acquire", set(CPerThread._fCleanedUpThreadIds), len(CPerThread._fPerThreadDict),
-                              len(CPerThread._fCleanupSupportByThreadId), support._fFinalizer is None))
+                self.note("acquire")
 
             def release(self):
-                steps.append(("release", set(CPerThread._fCleanedUpThreadIds), len(CPerThread._fPerThreadDict),
+                self.note("release")
+
+            def note(self, step):
+                steps.append((step, set(CPerThread._fCleanedUpThreadIds), len(CPerThread._fPerThreadDict),
                               len(CPerThread._fCleanupSupportByThreadId), support._fFinalizer is None))
 
         self.addCleanup(setattr, CPerThread, "_fRegistryLock", CPerThread._fRegistryLock)
@@ -357,7 +360,8 @@ class DestructorTest(EventTestCase):
         support._InvalidateCapsule()
         support.SetCapsuleInThreadStateDict()
         destroy(support)
-        self.assertEqual(steps, [("acquire", {me()}, 1, 1, False), ("release", {me()}, 0, 0, True), "cleared"])
+        self.assertEqual(steps, [("acquire", {me()}, 1, 1, False),
+                                 ("release", {me()}, 0, 0, True), "cleared"])
 
     def test_the_clean_up_runs_between_a_raise_and_a_drop_of_the_tracing_level(self):
         writer = RecordingWriter()
@@ -377,7 +381,8 @@ class DestructorTest(EventTestCase):
             real = getattr(xo.dbgpythonapi, name)
             self.patch(xo.dbgpythonapi, name,
                        lambda state, name=name, real=real: (
-                           seen.append((name, CCleanupSupport._IsCapsuleDestructorBeingInvoked())), real(state)))
+                           seen.append((name, CCleanupSupport._IsCapsuleDestructorBeingInvoked())),
+                           real(state)))
         destroy(support)
         self.assertEqual(seen, [("PyThreadState_EnterTracing", True), ("PyThreadState_LeaveTracing", True)])
         self.assertFalse(CCleanupSupport._IsCapsuleDestructorBeingInvoked())

@@ -1,7 +1,7 @@
 // Runs Python calls on a thread that the interpreter did not start, under thread states that come and go.
 //
-// The calls are callables without arguments; none of them may raise. The functions are called without the global
-// lock held, and end when their thread has ended; 0 is success.
+// The calls are callables without arguments; none of them may raise. The functions are called without the
+// global lock held, and end when their thread has ended; 0 is success.
 #include <pthread.h>
 
 typedef struct _object PyObject;
@@ -39,8 +39,8 @@ static void* successive_states_body(void* argument) {
     return 0;
 }
 
-// Two thread states that exist together, so that their addresses differ: the first call and the last under one,
-// the call between them under the other.
+// Two thread states that exist together, so that their addresses differ: the first call and the last under
+// one, the call between them under the other.
 static void* two_states_body(void* argument) {
     PyObject** calls = argument;
     int state = PyGILState_Ensure();

@@ -34,6 +34,8 @@ struct PyMutex {
 using PyCMethod = PyObject* (*)(PyObject* self, PyTypeObject* defining_class, PyObject* const* args, Py_ssize_t nargs,
                                 PyObject* kwnames);
 using vectorcallfunc = PyObject* (*)(PyObject* callable, PyObject* const* args, std::size_t nargsf, PyObject* kwnames);
+using initproc = int (*)(PyObject* self, PyObject* args, PyObject* keywords);
+using setattrofunc = int (*)(PyObject* self, PyObject* name, PyObject* value);
 using destructor = void (*)(PyObject* self);
 using descrgetfunc = PyObject* (*)(PyObject* self, PyObject* object, PyObject* type);
 using getter = PyObject* (*)(PyObject* self, void* closure);
@@ -106,6 +108,7 @@ inline constexpr int Py_tp_descr_get = 54;
 inline constexpr int Py_tp_doc = 56;
 inline constexpr int Py_tp_getattro = 58;
 inline constexpr int Py_tp_hash = 59;
+inline constexpr int Py_tp_init = 60;
 inline constexpr int Py_tp_methods = 64;
 inline constexpr int Py_tp_new = 65;
 inline constexpr int Py_tp_repr = 66;
@@ -119,7 +122,7 @@ inline constexpr int Py_tp_finalize = 80;
 // Flags of PyType_Spec.
 inline constexpr unsigned Py_TPFLAGS_MANAGED_WEAKREF = 1U << 3;         // 3.12 and later
 inline constexpr unsigned Py_TPFLAGS_DISALLOW_INSTANTIATION = 1U << 7;  // 3.10 and later
-inline constexpr unsigned Py_TPFLAGS_IMMUTABLETYPE = 1U << 8;  // 3.10 and later, nothing before
+inline constexpr unsigned Py_TPFLAGS_IMMUTABLETYPE = 1U << 8;           // 3.10 and later, nothing before
 inline constexpr unsigned Py_TPFLAGS_BASETYPE = 1U << 10;
 inline constexpr unsigned Py_TPFLAGS_HAVE_VECTORCALL = 1U << 11;
 inline constexpr unsigned Py_TPFLAGS_HAVE_GC = 1U << 14;

@@ -274,13 +274,6 @@ bool forget_policies(ModuleState& m, PyTypeObject* cls) {
     return true;
 }
 
-void finalize(PyObject* self) {
-    // The cache borrows the record and would keep pointing at freed memory.
-    tss_cache::Detach(data(self));
-    finalize_members(self, object_type, instance_data(self), kFields,
-                     "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
-}
-
 Ref none_or_error(bool done) {
     return done ? new_none() : Ref();
 }
@@ -438,6 +431,13 @@ bool drop_own_capsule(ModuleState& m) {
 }
 
 }  // namespace
+
+void finalize(PyObject* self) {
+    // The cache borrows the record and would keep pointing at freed memory.
+    tss_cache::Detach(data(self));
+    finalize_members(self, object_type, instance_data(self), kFields,
+                     "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
+}
 
 Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing) {
     if (thread_id != none()) {

@@ -39,6 +39,9 @@ struct PerThreadClassData {
 
 namespace per_thread {
 
+/// The finaliser of the class: it detaches the record from the storage cache first.
+void finalize(PyObject* self);
+
 /// The class, borrowed; null with NameError set.
 inline PyTypeObject* this_class(ModuleState& m) {
     return defined_class(m.globals.CPerThread, "CPerThread");

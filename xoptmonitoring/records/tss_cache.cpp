@@ -54,6 +54,13 @@ void _DropCurrentSlot_locked() {
     std::free(rec);
 }
 
+/// Whether the record's end is sure to detach it: a subclass may have put a `__del__` in the finaliser's place, and an
+/// object that has been finalised and came back is not finalised again.
+bool is_cacheable(PyObject* per_thread) {
+    return xpy.PyType_GetSlot(type_of(per_thread), Py_tp_finalize) == reinterpret_cast<void*>(per_thread::finalize) &&
+           (xpy.PyObject_GC_IsFinalized == nullptr || xpy.PyObject_GC_IsFinalized(per_thread) == 0);
+}
+
 }  // namespace
 
 namespace tss_cache {
@@ -93,6 +100,9 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     PerThreadData* owner = per_thread::checked_data(m, per_thread);
     if (owner == nullptr) {
         return false;
+    }
+    if (!is_cacheable(per_thread)) {
+        return true;
     }
     const NativeLock lock(_gXOptTssCacheLock);
     Py_tss_t* key = ensure_key_locked();

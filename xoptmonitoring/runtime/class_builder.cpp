@@ -43,6 +43,8 @@ Ref create_type(ModuleState& m, PyObject* metaclass, PyTypeObject* base, const c
         {Py_tp_finalize, slot_value(slots.finalize)},
         {Py_tp_members, members.rows.data()},
         {Py_tp_getset, getsets},
+        {slots.init != nullptr ? Py_tp_init : 0, slot_value(slots.init)},
+        {slots.setattro != nullptr ? Py_tp_setattro : 0, slot_value(slots.setattro)},
         {0, nullptr},
     };
     PyType_Spec spec = {spec_name, static_cast<int>(basicsize), 0, flags, rows};
@@ -221,6 +223,47 @@ int clear_class(PyObject* cls, std::span<const FieldDecl> fields) {
     const int status = base(cls);
     clear_members(class_data(cls), fields);
     return status;
+}
+
+namespace {
+
+/// Takes one class-level field out of the class's own dictionary, where the class body put it, into its record.
+int adopt_field(PyObject* cls, const FieldDecl& field) {
+    PyObject* dict = *xpy._PyObject_GetDictPtr(cls);
+    const Ref name = Ref::steal(xpy.PyUnicode_FromString(field.name));
+    const Ref value = name ? Ref::share(xpy.PyDict_GetItemWithError(dict, name.get())) : Ref();
+    if (!value) {
+        return xpy.PyErr_Occurred() != nullptr ? -1 : 0;
+    }
+    if (xpy.PyDict_DelItem(dict, name.get()) != 0) {
+        return -1;
+    }
+    xpy.PyType_Modified(as_type(cls));
+    return set_class_field(cls, value.get(), const_cast<FieldDecl*>(&field));
+}
+
+}  // namespace
+
+int init_class(PyObject* cls, PyObject* args, PyObject* keywords, std::span<const FieldDecl> fields) {
+    auto base = reinterpret_cast<initproc>(xpy.PyType_GetSlot(xpy.PyType_Type_ptr, Py_tp_init));
+    if (base(cls, args, keywords) != 0) {
+        return -1;
+    }
+    for (const FieldDecl& field : fields) {
+        if (adopt_field(cls, field) != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int set_class_attribute(PyObject* cls, PyObject* name, PyObject* value) {
+    if (is_str(name) && xpy.PyUnicode_CompareWithASCIIString(name, "__del__") == 0) {
+        xpy.PyErr_SetString(xpy.PyExc_TypeError, "cannot set attribute '__del__' of a class of this module");
+        return -1;
+    }
+    auto base = reinterpret_cast<setattrofunc>(xpy.PyType_GetSlot(xpy.PyType_Type_ptr, Py_tp_setattro));
+    return base(cls, name, value);
 }
 
 void set_class_word(PyTypeObject* cls, const FieldDecl& field, Py_ssize_t value) {

@@ -46,6 +46,8 @@ struct StructSlots {
     inquiry clear;
     destructor finalize;
     std::span<PyGetSetDef> getsets;
+    initproc init = nullptr;          ///< for a metaclass: a class made in Python
+    setattrofunc setattro = nullptr;  ///< for a metaclass
 };
 
 /// Everything that the builder needs of one class.
@@ -74,6 +76,13 @@ int set_class_field_through_instance(PyObject* self, PyObject* value, void* clos
 int traverse_instance(PyObject* self, std::span<const FieldDecl> fields, visitproc visit, void* arg);
 int traverse_class(PyObject* cls, std::span<const FieldDecl> fields, visitproc visit, void* arg);
 int clear_class(PyObject* cls, std::span<const FieldDecl> fields);
+
+/// Finishes a subclass made in Python: class-level fields in its body become those of its record.
+int init_class(PyObject* cls, PyObject* args, PyObject* keywords, std::span<const FieldDecl> fields);
+
+/// Attribute assignment of a class. A `__del__` put into a class would take the place of the native finaliser, which
+/// keeps borrowed pointers from outliving an object; a subclass may have one from the beginning.
+int set_class_attribute(PyObject* cls, PyObject* name, PyObject* value);
 
 /// An object class field read as Python would, through the class and then its bases: AttributeError "Attribute
 /// error" where nobody set it. `cls` is an instance of the metaclass.
@@ -161,6 +170,9 @@ struct Class {
     static int class_clear(PyObject* cls) {
         return clear_class(cls, D.class_fields);
     }
+    static int class_init(PyObject* cls, PyObject* args, PyObject* keywords) {
+        return init_class(cls, args, keywords, D.class_fields);
+    }
     static void class_finalize(PyObject* cls) {
         finalize_members(cls, xpy.PyType_Type_ptr, class_data(cls), D.class_fields,
                          "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
@@ -175,6 +187,7 @@ ClassBlueprint blueprint(destructor finalize = &generated::Class<D>::finalize) {
     using Generated = generated::Class<D>;
     return {&D,
             {&Generated::traverse, &Generated::clear, finalize, Generated::getsets},
-            {&Generated::class_traverse, &Generated::class_clear, &Generated::class_finalize, Generated::class_getsets},
+            {&Generated::class_traverse, &Generated::class_clear, &Generated::class_finalize, Generated::class_getsets,
+             &Generated::class_init, &set_class_attribute},
             Generated::through_instance.data()};
 }

@@ -276,11 +276,11 @@ bool create_function_type(ModuleState& m) {
         {Py_tp_getset, function_getsets.data()},
         {0, nullptr},
     };
-    PyType_Spec spec = {
-        "xoptmonitoring._XNotPy_Function",
-        static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(sizeof(FunctionData))), 0,
-        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
-        slots};
+    PyType_Spec spec = {"xoptmonitoring._XNotPy_Function",
+                        static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(sizeof(FunctionData))), 0,
+                        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+                            Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
+                        slots};
     m.types.function = xpy.PyType_FromModuleAndSpec(m.module, &spec, nullptr);
     return m.types.function != nullptr;
 }

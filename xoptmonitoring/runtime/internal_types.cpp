@@ -79,8 +79,10 @@ struct InternalType {
             {Py_tp_getset, getsets.data()},
             {0, nullptr},
         };
-        PyType_Spec spec = {D.spec_name, static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(D.data_size)),
-                            0, Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE, slots};
+        PyType_Spec spec = {
+            D.spec_name, static_cast<int>(data_offsets.instance + static_cast<Py_ssize_t>(D.data_size)), 0,
+            Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_DISALLOW_INSTANTIATION | Py_TPFLAGS_IMMUTABLETYPE,
+            slots};
         return xpy.PyType_FromModuleAndSpec(m.module, &spec, nullptr);
     }
 };
