@@ -110,8 +110,12 @@ def main():
     common.add_interpreter_option(parser)
     parser.add_argument("--quick", action="store_true", help="fewer programs, fewer and shorter rounds")
     parser.add_argument("--instructions", action="store_true", help="count instructions instead")
-    parser.add_argument("--debuggers", metavar="FOLDER", help="where other debuggers are, to compare with")
+    parser.add_argument(
+        "--debuggers", metavar="LABEL=FOLDER",
+        help="where else an interpreter finds debuggers to compare with",
+    )
     arguments = parser.parse_args()
+    debuggers_label, _, debuggers_folder = (arguments.debuggers or "").partition("=")
     effort = QUICK if arguments.quick else FULL
     programs = QUICK_PROGRAMS if arguments.quick else PROGRAMS
     results = {}
@@ -124,7 +128,8 @@ def main():
             continue
         found = common.run_inside(interpreter, "time_programs.py", *effort, ",".join(programs),
                                   package=arguments.package)
-        measure_debugpy(interpreter, programs, found, effort, arguments.package, arguments.debuggers)
+        folder = debuggers_folder if label == debuggers_label else None
+        measure_debugpy(interpreter, programs, found, effort, arguments.package, folder)
         print(format_results(found), flush=True)
         results[label] = found
     if arguments.instructions:
