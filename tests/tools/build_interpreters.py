@@ -310,6 +310,8 @@ class Interpreters:
         environment = {name: value for name, value in os.environ.items()
                        if name not in ("CC", "CXX", "CFLAGS", "CXXFLAGS", "LDFLAGS", "PYTHONHOME", "PYTHONPATH")}
         environment.update(build.settings)
+        if build.sanitizer:
+            environment["LDFLAGS"] = "-fsanitize=" + build.sanitizer  # configure adds it to compilations only
         if build.sanitizer == "address":
             environment["ASAN_OPTIONS"] = "detect_leaks=0"  # what it keeps until its end is no leak
         if build.sanitizer == "thread":

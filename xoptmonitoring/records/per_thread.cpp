@@ -490,10 +490,11 @@ void _Clear(PyObject* self) {
 
 bool replace_lost_lock(ModuleState& m) {
     const Ref lock = class_slot(m, &ClassData::_fRegistryLock);
-    const Ref acquired = lock ? call_method(lock.get(), m.names.acquire, xpy._Py_FalseStruct) : Ref();
+    const Ref release = lock ? get_attr(lock.get(), m.names.release) : Ref();
+    const Ref acquired = release ? call_method(lock.get(), m.names.acquire, xpy._Py_FalseStruct) : Ref();
     const int is_free = acquired ? xpy.PyObject_IsTrue(acquired.get()) : -1;
     if (is_free != 0) {
-        return is_free > 0 && call_method(lock.get(), m.names.release);
+        return is_free > 0 && call(release.get());
     }
     Ref fresh = new_threading_lock(m);
     PyTypeObject* cls = fresh ? this_class(m) : nullptr;
