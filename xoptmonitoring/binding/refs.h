@@ -39,12 +39,6 @@ class [[nodiscard]] Ref {
         return steal(object);
     }
 
-    /// As `share`, for an object that is never immortal, where `has_plain_refcounts` holds: one addition.
-    static Ref share_mortal(PyObject* object) noexcept {
-        ++*XPy_GetFieldAddress<std::int32_t>(object, xpy.pyobject_offsets.refcnt);
-        return steal(object);
-    }
-
     /// The object, still owned by this Ref.
     PyObject* get() const noexcept {
         return object_;

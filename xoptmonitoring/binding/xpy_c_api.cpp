@@ -20,7 +20,7 @@
 XPy_C_API_Data global_XPy_C_API_Data;
 extern "C" __attribute__((alias("global_XPy_C_API_Data"), visibility("hidden"))) XPy_C_API_Data xpy;
 
-bool has_plain_refcounts = false;
+bool totals_references = false;
 
 namespace {
 
@@ -359,7 +359,8 @@ int XPy_InitializeWithDllPtr(void* dll_ptr) {
     }
     xpy.refcnt_is_32bit = xpy.major_version == 3 && xpy.minor_version > 11 ? 1 : 0;
     xpy.can_update_refcount_directly = xpy.pydebug_build == 0 && xpy.pyobject_offsets.refcnt != -1 ? 1 : 0;
-    has_plain_refcounts = xpy.can_update_refcount_directly != 0 && xpy.refcnt_is_32bit != 0;
+    // Exported by every build that keeps a total; what it does is never asked for.
+    totals_references = GetPtrNullOk(xpy.dll_ptr, "_Py_NegativeRefcount") != nullptr;
     xpy.initialized = 1;
     return 0;
 }

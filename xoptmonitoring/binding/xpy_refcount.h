@@ -1,15 +1,20 @@
 // Reference counting without a call into the interpreter where its layout allows that.
 //
-// Three cases, settled once at binding: no plain count to touch (free-threaded and reference-tracing builds)
-// goes through Py_IncRef and Py_DecRef; from 3.12 on the count is the low 32 bits and a negative one marks an
-// immortal object; before 3.12 it is a plain 64-bit word.
+// Three cases, settled once at binding: no plain count to touch (free-threaded and reference-tracing builds), or one
+// that the interpreter adds up as well (debug builds), goes through Py_IncRef and Py_DecRef; from 3.12 on the count is
+// the low 32 bits and a negative one marks an immortal object; before 3.12 it is a plain 64-bit word.
 #pragma once
 
 #include "xoptmonitoring/binding/xpy_c_api.h"
 
-/// Whether counts are plain 32-bit words under a global lock (3.12 and later): can_update_refcount_directly and
-/// refcnt_is_32bit in one word. Set when binding has succeeded.
-extern bool has_plain_refcounts;
+/// Whether the interpreter keeps a total of all references (sys.gettotalrefcount in a debug build), which would drift
+/// if it were passed by. Set when binding has succeeded.
+extern bool totals_references;
+
+/// Whether a count is changed in place.
+inline bool updates_refcounts() {
+    return xpy.can_update_refcount_directly != 0 && !totals_references;
+}
 
 /// Address of the field `offset` bytes into `object`.
 template <class Field>
@@ -32,7 +37,7 @@ inline bool XPy_IsImmortal(PyObject* object) {
 }
 
 inline void XPy_DoIncRef(PyObject* object) {
-    if (XPY_UNLIKELY(xpy.can_update_refcount_directly == 0)) {
+    if (XPY_UNLIKELY(!updates_refcounts())) {
         XPy_CallIncRef(object);
         return;
     }
@@ -50,7 +55,7 @@ inline void XPy_DoIncRef(PyObject* object) {
 /// Drops one reference. The last one goes to the interpreter, which runs the object's destructor: any Python
 /// code.
 inline void XPy_DoDecRef(PyObject* object) {
-    if (XPY_UNLIKELY(xpy.can_update_refcount_directly == 0)) {
+    if (XPY_UNLIKELY(!updates_refcounts())) {
         XPy_CallDecRef(object);
         return;
     }

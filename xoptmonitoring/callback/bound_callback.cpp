@@ -6,6 +6,8 @@
 #include "xoptmonitoring/callback/bound_callback.h"
 
 #include "xoptmonitoring/callback/initial_callback.h"
+#include "xoptmonitoring/callback/skip_determination.h"
+#include "xoptmonitoring/records/code_extra.h"
 
 namespace {
 
@@ -28,20 +30,38 @@ BoundCallbackData& data(PyObject* bound) {
     return instance_data_as<BoundCallbackData>(bound);
 }
 
-/// The interpreter's entry. The interpreter holds no reference to `bound` during the call, so nothing of it is read
-/// once the event is on its way.
+/// The interpreter's entry where the fast road cannot answer, and everybody else's. The interpreter holds no reference
+/// to `bound` during the call, so nothing of it is read once the event is on its way.
 PyObject* call_bound(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     const BoundCallbackData& callback = data(bound);
     const Py_ssize_t nargs = vectorcall_nargs(nargsf);
-    if (XPY_UNLIKELY(nargs == 0 || kwnames != nullptr) && !check_callback_arguments(nargs, kwnames)) {
+    if (!check_callback_arguments(nargs, kwnames)) {
         return nullptr;
     }
     ModuleState* m = callback.__self__ != nullptr ? callback.class_record->m : nullptr;
-    if (XPY_UNLIKELY(m == nullptr)) {
+    if (m == nullptr) {
         raise_unset();
         return nullptr;
     }
     return initial_callback::Callback(*m, callback.__self__, args, nargs);
+}
+
+/// The interpreter's entry where the fast road is open: nearly every event ends here.
+PyObject* call_quickly(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+    const auto& callback = plain::data<BoundCallbackData>(bound);
+    const Py_ssize_t nargs = vectorcall_nargs(nargsf);
+    if (XPY_UNLIKELY(kwnames != nullptr || nargs == 0)) {
+        return call_bound(bound, args, nargsf, kwnames);
+    }
+    const ModuleState* m = callback.class_record->m;
+    if (XPY_UNLIKELY(m == nullptr || callback.__self__ == nullptr)) {
+        return call_bound(bound, args, nargsf, nullptr);
+    }
+    const auto& fields = plain::data<InitialCallbackData>(callback.__self__);
+    if (XPY_UNLIKELY(initial_callback::quick_answer(*m, fields, args, nargs) != Answer::Skip)) {
+        return call_bound(bound, args, nargsf, nullptr);
+    }
+    return none();  // immortal wherever monitoring exists, so a reference costs nothing
 }
 
 /// Attributes that a bound callback lacks are its function's, as with a method.
@@ -162,8 +182,8 @@ PyObject* bind_callback(ModuleState& m, PyObject* function, PyObject* self, PyTy
     }
     PyObject* bound = xpy.PyType_GenericAlloc(as_type(m.types.bound_callback), 0);
     if (bound != nullptr) {
-        data(bound) = {call_bound, Ref::share(self).release(), Ref::share(function).release(),
-                       static_cast<const ClassRecord*>(class_data(as_object(cls)))};
+        data(bound) = {plain::is_fast_road_open() ? call_quickly : call_bound, Ref::share(self).release(),
+                       Ref::share(function).release(), static_cast<const ClassRecord*>(class_data(as_object(cls)))};
     }
     return bound;
 }

@@ -1,8 +1,9 @@
 // CInitialCallback: the first stage of a monitored event, from the interpreter's call to its answer.
 //
-// The interpreter calls `instance.Callback` (bound_callback.cpp) for every monitored event of every thread. `Callback`
-// asks `_SkipDetermination` and calls the tracer's second callback only where that says so. Nothing on the road to a
-// skipped event allocates, looks anything up by name or calls Python code.
+// The interpreter calls `instance.Callback` for every monitored event of every thread. The object behind that name
+// (bound_callback.cpp) tries the fast road first; what that cannot answer comes here. `Callback` asks
+// `_SkipDetermination` and calls the tracer's second callback only where that says so. Nothing on the road to a skipped
+// event allocates, looks anything up by name or calls Python code.
 #include "xoptmonitoring/callback/initial_callback.h"
 
 #include "xoptmonitoring/callback/bound_callback.h"
@@ -163,7 +164,7 @@ constexpr FunctionDecl kMethods[] = {
     {"Callback", kCallbackParams, nullptr, CALLBACK_DOC, Binding::Instance, call_callback, bind_callback},
     {"_SkipDetermination", kDeterminationParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
-         HeldEvent event({self, data(self), args[0].object, args[1].object});
+         HeldEvent event{args[0].object, args[1].object, Ref::share(self), Ref(), Ref()};
          return answer_object(m, _SkipDetermination(m, event));
      },
      "Decides an event of `code_object`; `lineno_obj` is the line of a LINE event, else None. Returns False (call the\n"
@@ -174,7 +175,8 @@ constexpr FunctionDecl kMethods[] = {
          if (!check_per_code_object(m, args[1].object) || per_thread::checked_data(m, args[2].object) == nullptr) {
              return Ref();
          }
-         HeldEvent event({self, data(self), args[0].object, args[3].object, args[1].object, args[2].object});
+         HeldEvent event{args[0].object, args[3].object, Ref::share(self), Ref::share(args[1].object),
+                         Ref::share(args[2].object)};
          const Answer answer = _SkipSecondCallback(m, event);
          return answer == Answer::Failed ? Ref() : new_bool(answer == Answer::Skip);
      },
@@ -209,10 +211,11 @@ constexpr ClassDecl kClass = {
     kClassFields,
     kMethods};
 
-/// The answer to an event that the fast road could not answer, with everything held that Python code could take away.
-XPY_COLD PyObject* answer_carefully(ModuleState& m, PyObject* self, const Event& seen, PyObject* const* args,
-                                    Py_ssize_t nargs) {
-    HeldEvent event(seen);
+}  // namespace
+
+PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
+    const bool is_line = __atomic_load_n(&data(self)._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
+    HeldEvent event{args[0], is_line && nargs > 1 ? args[1] : none(), Ref::share(self), Ref(), Ref()};
     if (is_logging_first_stage(m) && !log_called(m, self, args[0])) {
         return log_exception(m).release();
     }
@@ -230,22 +233,6 @@ XPY_COLD PyObject* answer_carefully(ModuleState& m, PyObject* self, const Event&
             break;
     }
     return answer ? answer.release() : log_exception(m).release();
-}
-
-}  // namespace
-
-PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
-    Data& callback = data(self);
-    const bool is_line = __atomic_load_n(&callback._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
-    const Event event = {self, callback, args[0], is_line && nargs > 1 ? args[1] : none()};
-    const Answer answer = quick_answer(m, event);
-    if (XPY_LIKELY(answer == Answer::Skip)) {
-        return none();  // immortal wherever monitoring exists, so a reference costs nothing
-    }
-    if (answer == Answer::Disable && m.globals.kSysMonitoringDisable != nullptr) {
-        return Ref::share(m.globals.kSysMonitoringDisable).release();
-    }
-    return answer_carefully(m, self, event, args, nargs);
 }
 
 Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object) {

@@ -6,9 +6,10 @@
 struct InitialCallbackData {
     Py_ssize_t _fEventId;
     PyObject* _fSecondCallback;
-    std::int32_t _fCanReturnDisable;
-    std::int32_t fAnySuspendThread;
+    // These two are read together, in one word.
+    alignas(std::int64_t) std::int32_t fAnySuspendThread;
     std::int32_t fSteppingEventsNeededEveryThread;
+    std::int32_t _fCanReturnDisable;
 };
 
 struct InitialCallbackClassData {

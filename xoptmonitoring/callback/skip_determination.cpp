@@ -7,19 +7,17 @@
 // One text, two roads. The careful road can take every step: it makes records, runs Python code, waits, and holds
 // what it needs meanwhile. The fast road borrows everything, which is safe as long as native code runs alone under the
 // global lock, and gives up with "undecided" where a step would do more than read; the careful road then starts anew.
+// What both take from an event they ask the road for; what is inlined by force is so for the fast one's sake.
 #include "xoptmonitoring/callback/skip_determination.h"
 
 #include "xoptmonitoring/records/per_code_object.h"
 #include "xoptmonitoring/records/per_thread.h"
 #include "xoptmonitoring/records/tss_cache.h"
 
+#include <type_traits>
+
 namespace initial_callback {
 namespace {
-
-template <class Word>
-Word load_word(const Word& word) {
-    return __atomic_load_n(&word, __ATOMIC_RELAXED);
-}
 
 /// What a yes-or-no step found out.
 enum class Step { No, Yes, Stop };
@@ -57,24 +55,49 @@ struct CarefulRoad {
     using RoadEvent = HeldEvent;
     static constexpr Answer kStop = Answer::Failed;
 
-    static bool find_per_code_object(ModuleState& m, HeldEvent& event) {
-        event.held_per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
-        event.per_code_object = event.held_per_code_object.get();
-        return event.per_code_object != nullptr;
+    /// A flag, count or policy, which the tracer may be changing on another thread.
+    template <class Word>
+    static Word load(const Word& word) {
+        return __atomic_load_n(&word, __ATOMIC_RELAXED);
     }
 
-    static bool find_per_thread(ModuleState& m, HeldEvent& event) {
-        event.held_per_thread = __GetPerThreadCalledFromCallback(m);
-        event.per_thread = event.held_per_thread.get();
-        return event.per_thread != nullptr;
+    static const InitialCallbackData& callback(const HeldEvent& event) {
+        return data(event.self.get());
     }
 
-    static bool log(ModuleState& m, PyObject* text) {
-        return !is_logging_first_stage(m) || log_fixed(m, text);
+    static const PerCodeObjectData& code_record(const HeldEvent& event) {
+        return per_code_object::data(event.per_code_object.get());
+    }
+
+    static const PerThreadData& thread_record(const HeldEvent& event) {
+        return per_thread::data(event.per_thread.get());
+    }
+
+    static bool find_code_record(ModuleState& m, HeldEvent& event) {
+        event.per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
+        return static_cast<bool>(event.per_code_object);
+    }
+
+    static bool is_internal(const HeldEvent& event) {
+        return load(code_record(event).fIsInternal) != 0;
+    }
+
+    static bool is_line_filter_on(const HeldEvent& event) {
+        return load(callback(event).fAnySuspendThread) == 0 &&
+               load(callback(event).fSteppingEventsNeededEveryThread) == 0;
+    }
+
+    static bool find_thread_record(ModuleState& m, HeldEvent& event) {
+        event.per_thread = __GetPerThreadCalledFromCallback(m);
+        return static_cast<bool>(event.per_thread);
+    }
+
+    static bool log(ModuleState& m, PyObject* MessageLiterals::*text) {
+        return !is_logging_first_stage(m) || log_fixed(m, m.literals.*text);
     }
 
     static Ref breakpoints(const HeldEvent& event) {
-        return load_field(event.per_code_object, per_code_object::data(event.per_code_object).fEnabledBpLinenos);
+        return load_field(event.per_code_object.get(), code_record(event).fEnabledBpLinenos);
     }
 
     static Step are_breakpoints_known(const HeldEvent& event) {
@@ -97,49 +120,85 @@ struct CarefulRoad {
         return enabled != 0 ? Line::Enabled : Line::NotEnabled;
     }
 
-    static Step is_true(PyObject* owner, PyObject* const& slot) {
-        const Ref value = load_field(owner, slot);
-        return value ? step_of(xpy.PyObject_IsTrue(value.get())) : Step::Stop;
+    static Step is_stepping(const HeldEvent& event) {
+        const Ref needed = load_field(event.per_thread.get(), thread_record(event).fSteppingEventsNeeded);
+        return needed ? step_of(xpy.PyObject_IsTrue(needed.get())) : Step::Stop;
     }
 
     static bool suspend(ModuleState& m, const HeldEvent& event) {
-        return _SuspendIfNeeded(m, event.per_thread);
+        return _SuspendIfNeeded(m, event.per_thread.get());
     }
 };
 
-/// The road of nearly every event, under a global lock. Stopping means that the careful road has to be taken.
+/// An event on the fast road: the interpreter's arguments, and the records' fields once they are found. All borrowed.
+struct QuickEvent {
+    const InitialCallbackData& callback;
+    PyObject* const* args;
+    Py_ssize_t nargs;
+    const PerCodeObjectData* code_record = nullptr;
+    const PerThreadData* thread_record = nullptr;
+};
+
+/// The road of nearly every event, where objects are plain. Stopping means that the careful road has to be taken.
 struct FastRoad {
-    using RoadEvent = Event;
+    using RoadEvent = QuickEvent;
     static constexpr Answer kStop = Answer::Undecided;
 
-    static bool find_per_code_object(const ModuleState& m, Event& event) {
-        event.per_code_object = per_code_object::peek_settled(m, event.code_object);
-        return event.per_code_object != nullptr;
+    template <class Word>
+    static Word load(const Word& word) {
+        return word;
     }
 
-    static bool find_per_thread(const ModuleState& m, Event& event) {
-        event.per_thread = tss_cache::peek(m);
-        return event.per_thread != nullptr && per_thread::is_named(m, event.per_thread);
+    static const InitialCallbackData& callback(const QuickEvent& event) {
+        return event.callback;
     }
 
-    static bool log(ModuleState& /*m*/, PyObject* /*text*/) {
+    static const PerCodeObjectData& code_record(const QuickEvent& event) {
+        return *event.code_record;
+    }
+
+    static const PerThreadData& thread_record(const QuickEvent& event) {
+        return *event.thread_record;
+    }
+
+    static bool find_code_record(const ModuleState& m, QuickEvent& event) {
+        event.code_record = per_code_object::peek(m, event.args[0]);
+        return event.code_record != nullptr &&
+               (per_code_object::is_ordinary(*event.code_record) || event.code_record->fUpdatePathnameNeeded == 0);
+    }
+
+    static bool is_internal(const QuickEvent& event) {
+        return !per_code_object::is_ordinary(*event.code_record);
+    }
+
+    static bool is_line_filter_on(const QuickEvent& event) {
+        return plain::are_clear(event.callback.fAnySuspendThread, event.callback.fSteppingEventsNeededEveryThread);
+    }
+
+    static bool find_thread_record(const ModuleState& m, QuickEvent& event) {
+        event.thread_record = tss_cache::peek(m);
+        return event.thread_record != nullptr && per_thread::is_named(m, *event.thread_record);
+    }
+
+    static bool log(const ModuleState& /*m*/, PyObject* MessageLiterals::* /*text*/) {
         return true;  // the road is closed while anything is logged
     }
 
-    static Step are_breakpoints_known(const Event& event) {
-        PyObject* enabled_bp_linenos = per_code_object::data(event.per_code_object).fEnabledBpLinenos;
+    static Step are_breakpoints_known(const QuickEvent& event) {
+        PyObject* enabled_bp_linenos = event.code_record->fEnabledBpLinenos;
         return enabled_bp_linenos != nullptr && enabled_bp_linenos != none() ? Step::Yes : Step::Stop;
     }
 
     /// Only "not enabled" is an answer here: a set may hold anything, and comparing with it may have run Python code,
     /// after which nothing borrowed can be trusted any more.
-    static Line look_at_line(const Event& event) {
-        PyObject* enabled_bp_linenos = per_code_object::data(event.per_code_object).fEnabledBpLinenos;
-        if (XPY_UNLIKELY(enabled_bp_linenos == nullptr || type_of(enabled_bp_linenos) != xpy.PySet_Type_ptr)) {
+    static Line look_at_line(const QuickEvent& event) {
+        PyObject* enabled_bp_linenos = event.code_record->fEnabledBpLinenos;
+        if (XPY_UNLIKELY(enabled_bp_linenos == nullptr || plain::type_of(enabled_bp_linenos) != xpy.PySet_Type_ptr ||
+                         event.nargs < 2)) {
             return Line::Stop;
         }
-        const Ref held = Ref::share_mortal(enabled_bp_linenos);
-        const int enabled = xpy.PySet_Contains(enabled_bp_linenos, event.lineno_obj);
+        const plain::Hold held(enabled_bp_linenos);
+        const int enabled = xpy.PySet_Contains(enabled_bp_linenos, event.args[1]);
         if (XPY_LIKELY(enabled == 0)) {
             return Line::NotEnabled;
         }
@@ -149,55 +208,55 @@ struct FastRoad {
         return Line::Stop;
     }
 
-    static Step is_true(PyObject* /*owner*/, PyObject* const& slot) {
-        return slot == xpy._Py_FalseStruct ? Step::No : Step::Stop;
+    static Step is_stepping(const QuickEvent& event) {
+        return event.thread_record->fSteppingEventsNeeded == xpy._Py_FalseStruct ? Step::No : Step::Stop;
     }
 
-    static bool suspend(const ModuleState& /*m*/, const Event& event) {
-        return per_thread::data(event.per_thread).fCheckSuspendLock == xpy._Py_FalseStruct;
+    static bool suspend(const ModuleState& /*m*/, const QuickEvent& event) {
+        return event.thread_record->fCheckSuspendLock == xpy._Py_FalseStruct;
     }
 };
 
-/// Whether a LINE event may be filtered by the code object's breakpoints alone.
-bool is_line_filter_on(const ModuleState& m, const InitialCallbackData& callback,
-                       const PerCodeObjectData& per_code_object) {
-    return load_word(callback._fEventId) == m.globals.kPyLineEventId && load_word(callback.fAnySuspendThread) == 0 &&
-           load_word(callback.fSteppingEventsNeededEveryThread) == 0 &&
-           load_word(per_code_object.fSteppingEventsNeededCount) == 0;
-}
-
-bool is_known_event(const ModuleGlobals& globals, Py_ssize_t event_id) {
-    return event_id == globals.kPyStartEventId || event_id == globals.kPyReturnEventId ||
-           event_id == globals.kPyResumeEventId || event_id == globals.kPyYieldEventId ||
-           event_id == globals.kPyLineEventId;
-}
+/// The roads differ in what they may do to the module's state.
+template <class Road>
+using RoadState = std::conditional_t<std::is_same_v<Road, CarefulRoad>, ModuleState, const ModuleState>;
 
 /// The answer for the debugger's own code.
 template <class Road>
-Answer answer_internal(ModuleState& m, const Event& event) {
-    const bool disable = load_word(event.callback._fCanReturnDisable) != 0;
-    if (!Road::log(m, disable ? m.literals.internal_returning_disable : m.literals.internal_returning_none)) {
+Answer answer_internal(RoadState<Road>& m, const typename Road::RoadEvent& event) {
+    const bool disable = Road::load(Road::callback(event)._fCanReturnDisable) != 0;
+    if (!Road::log(
+            m, disable ? &MessageLiterals::internal_returning_disable : &MessageLiterals::internal_returning_none)) {
         return Road::kStop;
     }
     return disable ? Answer::Disable : Answer::Skip;
 }
 
+/// Whether a LINE event may be filtered by the code object's breakpoints alone.
+template <class Road>
+XPY_ALWAYS_INLINE bool is_line_filter_on(const typename Road::RoadEvent& event) {
+    return Road::is_line_filter_on(event) && Road::load(Road::code_record(event).fSteppingEventsNeededCount) == 0;
+}
+
 /// The last filter.
 template <class Road>
-Answer decide_second(ModuleState& m, typename Road::RoadEvent& event) {
-    const Py_ssize_t event_id = load_word(event.callback._fEventId);
-    if (!is_known_event(m.globals, event_id)) {
+XPY_ALWAYS_INLINE Answer decide_second(const ModuleState& m, const typename Road::RoadEvent& event) {
+    const Py_ssize_t event_id = Road::load(Road::callback(event)._fEventId);
+    const bool is_line = event_id == m.globals.kPyLineEventId;
+    const bool returns = event_id == m.globals.kPyReturnEventId || event_id == m.globals.kPyYieldEventId;
+    const bool starts = event_id == m.globals.kPyStartEventId || event_id == m.globals.kPyResumeEventId;
+    if (!starts && !returns && !is_line) {
         return Answer::Call;
     }
-    const Step stepping = Road::is_true(event.per_thread, per_thread::data(event.per_thread).fSteppingEventsNeeded);
+    const Step stepping = Road::is_stepping(event);
     if (stepping != Step::No) {
         return stepping == Step::Yes ? Answer::Call : Road::kStop;
     }
-    const PerCodeObjectData& record = per_code_object::data(event.per_code_object);
-    if (load_word(record.fSteppingEventsNeededCount) != 0) {
+    const PerCodeObjectData& record = Road::code_record(event);
+    if (Road::load(record.fSteppingEventsNeededCount) != 0) {
         return Answer::Call;
     }
-    if (event_id == m.globals.kPyLineEventId) {
+    if (is_line) {
         const Line line = Road::look_at_line(event);
         if (line == Line::Stop) {
             return Road::kStop;
@@ -209,20 +268,19 @@ Answer decide_second(ModuleState& m, typename Road::RoadEvent& event) {
         // Not known yet, so the tracer has to see the event.
         return known == Step::No ? Answer::Call : Road::kStop;
     }
-    const bool returns = event_id == m.globals.kPyReturnEventId || event_id == m.globals.kPyYieldEventId;
-    return returns && load_word(record.fReturnEventsNeededCount) != 0 ? Answer::Call : Answer::Skip;
+    return returns && Road::load(record.fReturnEventsNeededCount) != 0 ? Answer::Call : Answer::Skip;
 }
 
 /// The thread's part of the decision.
 template <class Road>
-Answer decide_by_thread(ModuleState& m, typename Road::RoadEvent& event) {
-    if (XPY_UNLIKELY(!Road::find_per_thread(m, event))) {
+XPY_ALWAYS_INLINE Answer decide_by_thread(RoadState<Road>& m, typename Road::RoadEvent& event) {
+    if (XPY_UNLIKELY(!Road::find_thread_record(m, event))) {
         return Road::kStop;
     }
-    if (XPY_UNLIKELY(load_word(per_thread::data(event.per_thread).fDebugPolicy) == 0)) {
-        return Road::log(m, m.literals.policy_returning_none) ? Answer::Skip : Road::kStop;
+    if (XPY_UNLIKELY(Road::load(Road::thread_record(event).fDebugPolicy) == 0)) {
+        return Road::log(m, &MessageLiterals::policy_returning_none) ? Answer::Skip : Road::kStop;
     }
-    if (XPY_UNLIKELY(load_word(event.callback.fAnySuspendThread) != 0) && !Road::suspend(m, event)) {
+    if (XPY_UNLIKELY(Road::load(Road::callback(event).fAnySuspendThread) != 0) && !Road::suspend(m, event)) {
         return Road::kStop;
     }
     return decide_second<Road>(m, event);
@@ -230,18 +288,17 @@ Answer decide_by_thread(ModuleState& m, typename Road::RoadEvent& event) {
 
 /// The whole decision.
 template <class Road>
-Answer decide(ModuleState& m, typename Road::RoadEvent& event) {
-    if (XPY_UNLIKELY(xpy.cached_pid != load_global(m.globals._gThisProcessPid))) {
+XPY_ALWAYS_INLINE Answer decide(RoadState<Road>& m, typename Road::RoadEvent& event) {
+    if (XPY_UNLIKELY(xpy.cached_pid != static_cast<pid_t>(load_global(m.globals._gThisProcessPid)))) {
         return Answer::Skip;  // a forked child that has not been told to go on
     }
-    if (XPY_UNLIKELY(!Road::find_per_code_object(m, event))) {
+    if (XPY_UNLIKELY(!Road::find_code_record(m, event))) {
         return Road::kStop;
     }
-    const PerCodeObjectData& record = per_code_object::data(event.per_code_object);
-    if (XPY_UNLIKELY(load_word(record.fIsInternal) != 0)) {
+    if (XPY_UNLIKELY(Road::is_internal(event))) {
         return answer_internal<Road>(m, event);
     }
-    if (is_line_filter_on(m, event.callback, record)) {
+    if (Road::load(Road::callback(event)._fEventId) == m.globals.kPyLineEventId && is_line_filter_on<Road>(event)) {
         const Line line = Road::look_at_line(event);
         if (XPY_LIKELY(line == Line::NotEnabled)) {
             return Answer::Skip;
@@ -255,10 +312,12 @@ Answer decide(ModuleState& m, typename Road::RoadEvent& event) {
 
 }  // namespace
 
-Answer quick_answer(ModuleState& m, Event event) {
-    if (XPY_UNLIKELY(!has_plain_refcounts || _IsInitialCallbackLogging(m))) {
+Answer quick_answer(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                    Py_ssize_t nargs) {
+    if (XPY_UNLIKELY(m.globals._gDPrintfFile != none())) {
         return Answer::Undecided;
     }
+    QuickEvent event{callback, args, nargs};
     return decide<FastRoad>(m, event);
 }
 

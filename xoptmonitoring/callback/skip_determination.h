@@ -13,27 +13,13 @@ enum class Answer {
     Disable,    ///< kSysMonitoringDisable: never report it at this location again
 };
 
-/// One event on its way through the first stage. All is borrowed: the interpreter calls through borrowed references.
-struct Event {
-    PyObject* self;                 ///< the CInitialCallback
-    InitialCallbackData& callback;  ///< its fields
-    PyObject* code_object;
-    PyObject* lineno_obj;  ///< the line of a LINE event, else None
-    PyObject* per_code_object = nullptr;
-    PyObject* per_thread = nullptr;
-};
-
-/// An event that keeps alive what it needs, so that Python code may run in between.
-struct HeldEvent : Event {
-    explicit HeldEvent(const Event& seen)
-        : Event(seen),
-          held_self(Ref::share(self)),
-          held_per_code_object(Ref::share(per_code_object)),
-          held_per_thread(Ref::share(per_thread)) {}
-
-    Ref held_self;
-    Ref held_per_code_object;
-    Ref held_per_thread;
+/// One event on its way through the first stage. It keeps alive what it needs, so that Python code may run in between.
+struct HeldEvent {
+    PyObject* code_object;  ///< borrowed: the interpreter is about to run it
+    PyObject* lineno_obj;   ///< borrowed; the line of a LINE event, else None
+    Ref self;               ///< the CInitialCallback
+    Ref per_code_object;    ///< once found
+    Ref per_thread;         ///< once found
 };
 
 namespace initial_callback {
@@ -44,15 +30,16 @@ Answer _SkipDetermination(ModuleState& m, HeldEvent& event);
 /// The last filter, on stepping, breakpoints and wanted returns: Skip, Call, or Failed with an exception set.
 Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event);
 
-/// The same decision as far as it can be had without Python code, references and locks: Skip, or Undecided where the
-/// event has to be looked at in full. Sets no exception.
-Answer quick_answer(ModuleState& m, Event event);
+/// The same decision as far as it can be had without Python code, references and locks, where objects are plain:
+/// Undecided where the event has to be looked at in full. `args` are the interpreter's arguments, the code object
+/// first, if any. Sets no exception.
+Answer quick_answer(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args, Py_ssize_t nargs);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);
 
 /// Whether the first stage's lines can be written at all: a cheap test before the mask is looked at.
-inline bool _IsInitialCallbackLogging(ModuleState& m) {
+inline bool _IsInitialCallbackLogging(const ModuleState& m) {
     return !global_is_none(m.globals._gDPrintfFile);
 }
 

@@ -3,6 +3,10 @@
 
 #include "xoptmonitoring/runtime/locks.h"
 
+#include <algorithm>
+#include <array>
+#include <span>
+
 namespace {
 
 /// More slots than any interpreter hands out (255 so far).
@@ -33,6 +37,56 @@ Py_ssize_t request_code_extra_index() {
     }
     note_own_index(index);
     return index;
+}
+
+Py_ssize_t plain::code_extras_offset = -1;
+
+namespace {
+
+/// The one word in which `after` differs from `before`, if it was null there; -1 otherwise.
+Py_ssize_t filled_word(std::span<void* const> before, std::span<void* const> after) {
+    Py_ssize_t found = -1;
+    for (std::size_t word = 0; word < before.size(); ++word) {
+        if (after[word] == before[word]) {
+            continue;
+        }
+        if (found != -1 || before[word] != nullptr) {
+            return -1;
+        }
+        found = static_cast<Py_ssize_t>(word);
+    }
+    return found;
+}
+
+}  // namespace
+
+bool plain::learn_code_extras_offset(Py_ssize_t index) {
+    constexpr std::size_t kMaxWords = 128;  // twice what any interpreter needs so far
+    const Py_ssize_t size = *XPy_GetFieldAddress<Py_ssize_t>(xpy.PyCode_Type_ptr, xpy.typeobject_offsets.tp_basicsize);
+    const std::size_t count = static_cast<std::size_t>(size) / sizeof(void*);
+    if (!plain::objects || index < 0 || code_extras_offset != -1 || count > kMaxWords ||
+        xpy.PyCode_NewEmpty == nullptr) {
+        return true;
+    }
+    const Ref code = Ref::steal(xpy.PyCode_NewEmpty("", "", 1));
+    if (!code) {
+        return false;
+    }
+    const std::span<void*> words(reinterpret_cast<void**>(code.get()), count);
+    std::array<void*, kMaxWords> before = {};
+    std::copy(words.begin(), words.end(), before.begin());
+    bool kept = false;
+    if (!set_code_extra(code.get(), code.get(), index, none(), nullptr, &kept)) {
+        return false;
+    }
+    const Py_ssize_t word = filled_word({before.data(), count}, words);
+    if (word != -1) {
+        const auto* slots = static_cast<const CodeExtras*>(words[static_cast<std::size_t>(word)]);
+        if (index < slots->size && slots->extras[index] == none()) {
+            code_extras_offset = word * static_cast<Py_ssize_t>(sizeof(void*));
+        }
+    }
+    return true;
 }
 
 CodeExtra get_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index) {

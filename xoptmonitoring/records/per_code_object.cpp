@@ -537,6 +537,9 @@ Ref create(ModuleState& m) {
     if (index < 0 && xpy.PyErr_Occurred() != nullptr) {
         return {};
     }
+    if (!plain::learn_code_extras_offset(index)) {
+        return {};
+    }
     store_class_slot(as_type(cls.get()), &ClassData::_fPerCodeObjectDict, std::move(registry));
     set_class_word(as_type(cls.get()), kExtraIndexField, index);
     class_data_as<ClassData>(as_type(cls.get())).reserved_index = index;

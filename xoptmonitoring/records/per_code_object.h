@@ -1,6 +1,7 @@
 // CPerCodeObject: the record of one code object that the monitoring callback has met.
 #pragma once
 
+#include "xoptmonitoring/records/code_extra.h"
 #include "xoptmonitoring/runtime/class_builder.h"
 
 struct PerCodeObjectData {
@@ -10,9 +11,10 @@ struct PerCodeObjectData {
     PyObject* fEnabledBpLinenos;
     Py_ssize_t fSteppingEventsNeededCount;
     Py_ssize_t fReturnEventsNeededCount;
-    std::int32_t fIsInternalKnown;
-    std::int32_t fIsInternal;
+    // These two are read together, in one word.
+    alignas(std::int64_t) std::int32_t fIsInternal;
     std::int32_t fUpdatePathnameNeeded;
+    std::int32_t fIsInternalKnown;
 };
 
 struct PerCodeObjectClassData {
@@ -55,29 +57,27 @@ inline PerCodeObjectData& data(PyObject* self) {
     return instance_data_as<PerCodeObjectData>(self);
 }
 
-/// The settled record in the slot of `code_object`, borrowed; null, with no exception set, where the long way has to
-/// be gone. For the fast road under a global lock: the code object is running and owns the slot, and only Python code
-/// could put another record there. Without a global lock there is no such moment, and the answer is always null.
-inline PyObject* peek_settled(const ModuleState& m, PyObject* code_object) {
+/// The record in the slot of `code_object`, borrowed; null, with no exception set, where the long way has to be gone.
+/// For the fast road, where objects are plain and a global lock is held: the code object is running and owns the slot,
+/// and only Python code could put another record there.
+inline const PerCodeObjectData* peek(const ModuleState& m, PyObject* code_object) {
     PyTypeObject* cls = as_type(m.globals.CPerCodeObject);
-    if (XPY_UNLIKELY(is_free_threaded() || cls == nullptr)) {
+    if (XPY_UNLIKELY(cls == nullptr)) {
         return nullptr;
     }
     const auto& class_fields = class_data_as<PerCodeObjectClassData>(cls);
-    void* extra = nullptr;
-    if (XPY_UNLIKELY(class_fields._fCodeObjectExtraIndex != class_fields.reserved_index ||
-                     class_fields.reserved_index < 0)) {
+    const Py_ssize_t index = class_fields._fCodeObjectExtraIndex;
+    if (XPY_UNLIKELY(index != class_fields.reserved_index)) {
         return nullptr;
     }
-    if (XPY_UNLIKELY(xpy.PyUnstable_Code_GetExtra(code_object, class_fields.reserved_index, &extra) < 0)) {
-        xpy.PyErr_Clear();  // the long way meets the same error
-        return nullptr;
-    }
-    auto* record = static_cast<PyObject*>(extra);
-    if (XPY_UNLIKELY(record == nullptr || type_of(record) != cls || data(record).fUpdatePathnameNeeded != 0)) {
-        return nullptr;
-    }
-    return record;
+    PyObject* record = plain::peek_code_extra(code_object, index);
+    const bool is_own = record != nullptr && plain::type_of(record) == cls;
+    return XPY_LIKELY(is_own) ? &plain::data<PerCodeObjectData>(record) : nullptr;
+}
+
+/// Whether the debugger's own code is out of the question and no pathname has to be worked out again.
+inline bool is_ordinary(const PerCodeObjectData& record) {
+    return plain::are_clear(record.fIsInternal, record.fUpdatePathnameNeeded);
 }
 
 }  // namespace per_code_object

@@ -13,11 +13,12 @@ Ref create(ModuleState& m);
 Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing);
 
 /// Whether there is nothing to ask for the thread's name: it is known, or nobody can tell. Reads fields only.
-inline bool is_named(const ModuleState& m, PyObject* self) {
-    const auto& class_fields = class_data_as<PerThreadClassData>(as_type(m.globals.CPerThread));
-    PyObject* name = __atomic_load_n(&data(self).fThreadName, __ATOMIC_RELAXED);
-    return (name != none() && name != nullptr) || (name == none() && class_fields._fGetThreadNameCallback == none() &&
-                                                   type_of(self) == as_type(m.globals.CPerThread));
+/// For a record of the class itself, on the fast road.
+inline bool is_named(const ModuleState& m, const PerThreadData& record) {
+    if (XPY_LIKELY(record.fThreadName != none())) {
+        return record.fThreadName != nullptr;
+    }
+    return class_data_as<PerThreadClassData>(as_type(m.globals.CPerThread))._fGetThreadNameCallback == none();
 }
 
 /// The thread's name, asked for where it is not known yet. Empty with an exception set.

@@ -65,15 +65,18 @@ bool is_cacheable(PyObject* per_thread) {
 
 namespace tss_cache {
 
-PyObject* peek(const ModuleState& m) {
-    if (XPY_UNLIKELY(is_free_threaded() || _gXOptPerThreadTssKey == nullptr)) {
+PerThreadData* peek(const ModuleState& m) {
+    if (XPY_UNLIKELY(_gXOptPerThreadTssKey == nullptr)) {
         return nullptr;
     }
+    const PyThreadState* tstate = xpy.PyThreadState_Get();
     const TssSlotRecord* rec = current_record_locked(_gXOptPerThreadTssKey);
-    if (XPY_UNLIKELY(rec == nullptr || rec->per_thread == nullptr || rec->tstate != xpy.PyThreadState_Get())) {
+    // A detached record names no thread state, and so none that runs.
+    if (XPY_UNLIKELY(rec == nullptr || rec->tstate != tstate)) {
         return nullptr;
     }
-    return as_object(type_of(rec->per_thread)) == m.globals.CPerThread ? rec->per_thread : nullptr;
+    const bool is_own = as_object(plain::type_of(rec->per_thread)) == m.globals.CPerThread;
+    return XPY_LIKELY(is_own) ? &plain::data<PerThreadData>(rec->per_thread) : nullptr;
 }
 
 Ref Get(ModuleState& m) {

@@ -17,9 +17,9 @@ Ref create(ModuleState& m);
 /// The calling thread's cached record, or None. Empty with an exception set.
 Ref Get(ModuleState& m);
 
-/// The calling thread's cached record, borrowed, or null where Get() has to be asked. For the fast road under a global
-/// lock, where only Python code could take the record away; always null without one.
-PyObject* peek(const ModuleState& m);
+/// The calling thread's cached record, borrowed, or null where Get() has to be asked. For the fast road, where objects
+/// are plain and a global lock is held: only Python code could take the record away.
+PerThreadData* peek(const ModuleState& m);
 
 /// Makes `per_thread` the calling thread's cached record. Does nothing where the slot cannot be had. False with an
 /// exception set.

@@ -2,6 +2,7 @@
 #include "xoptmonitoring/runtime/object_layout.h"
 
 DataOffsets data_offsets;
+bool plain::objects = false;
 PyTypeObject* object_type;
 
 namespace {
@@ -22,5 +23,9 @@ bool learn_data_offsets() {
     object_type = base_of(xpy.PyType_Type_ptr);
     data_offsets.instance = offset_behind(object_type);
     data_offsets.class_record = offset_behind(xpy.PyType_Type_ptr);
+    plain::objects = xpy.can_update_refcount_directly != 0 && xpy.refcnt_is_32bit != 0 &&
+                     xpy.pyobject_offsets.refcnt == offsetof(plain::Header, refcnt) &&
+                     xpy.pyobject_offsets.type == offsetof(plain::Header, type) &&
+                     data_offsets.instance == sizeof(plain::Header);
     return true;
 }

@@ -15,6 +15,66 @@ struct DataOffsets {
 };
 extern DataOffsets data_offsets;
 
+/// What objects look like in the builds that nearly everybody runs: 3.12 or later, a global lock, no reference tracing.
+/// There the header is known when this is compiled, and an event need not look it up in tables.
+namespace plain {
+
+struct Header {
+    std::int32_t refcnt;
+    std::int32_t more;  // the count's upper half, from 3.14 on flags
+    PyTypeObject* type;
+};
+
+/// Whether this interpreter's objects are plain; all else in this namespace is for those alone.
+extern bool objects;
+
+inline PyTypeObject* type_of(PyObject* object) {
+    return reinterpret_cast<Header*>(object)->type;
+}
+
+template <class Data>
+Data& data(PyObject* self) {
+    return *reinterpret_cast<Data*>(reinterpret_cast<Header*>(self) + 1);
+}
+
+/// Whether two flags are clear that lie side by side in one word: one load and one test.
+inline bool are_clear(const std::int32_t& first, const std::int32_t& second) {
+    std::int64_t both = 0;
+    if (&first + 1 != &second) {
+        return first == 0 && second == 0;
+    }
+    __builtin_memcpy(&both, &first, sizeof both);
+    return both == 0;
+}
+
+/// Keeps an object alive that is not immortal. In a debug build the interpreter's own total does not see it.
+class [[nodiscard]] Hold {
+  public:
+    explicit Hold(PyObject* object) noexcept : object_(object) {
+        ++header().refcnt;
+    }
+    ~Hold() {
+        if (XPY_UNLIKELY(header().refcnt == 1)) {
+            XPy_CallDecRef(object_);
+            return;
+        }
+        --header().refcnt;
+    }
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+    Hold(Hold&&) = delete;
+    Hold& operator=(Hold&&) = delete;
+
+  private:
+    Header& header() const noexcept {
+        return *reinterpret_cast<Header*>(object_);
+    }
+
+    PyObject* object_;
+};
+
+}  // namespace plain
+
 /// The interpreter's type `object`, borrowed.
 extern PyTypeObject* object_type;
 
