@@ -121,6 +121,18 @@ class FindingTest(PerFileTestCase):
         record = CPerFile.GetPerFile("/a.py")
         self.assertIs(CPerFile._fPerFileDict["/a.py"], record)
 
+    def test_a_registry_replaced_by_the_checksum_callback_is_the_one_that_gets_the_record(self):
+        replacement = {}
+
+        def replace(pathname):
+            CPerFile._fPerFileDict = replacement
+
+        before = CPerFile._fPerFileDict
+        self.addCleanup(setattr, CPerFile, "_fPerFileDict", before)
+        xo.set_checksum_callback(replace)
+        record = CPerFile.GetPerFile("/a.py")
+        self.assertEqual((before, replacement), ({}, {"/a.py": record}))
+
     def test_the_list_of_an_empty_registry_is_empty(self):
         self.assertEqual(CPerFile.GetAllPerFiles(), [])
 

@@ -153,9 +153,11 @@ Ref checked_record(PyTypeObject* record_class, Ref value) {
 }
 
 /// Makes, stores and announces the record of a pathname that the registry lacks.
-Ref make_record(PyTypeObject* cls, PyTypeObject* record_class, PyObject* registry, PyObject* pathname) {
+Ref make_record(PyTypeObject* cls, PyTypeObject* record_class, PyObject* pathname) {
     Ref per_file = checked_record(record_class, call(as_object(record_class), pathname));
-    if (!per_file || !dict_set(registry, pathname, per_file.get())) {
+    // The registry of this moment: the checksum callback may have replaced the one that was asked.
+    const Ref registry = per_file ? load_class_slot(cls, &ClassData::_fPerFileDict) : Ref();
+    if (!registry || !dict_set(registry.get(), pathname, per_file.get())) {
         return {};
     }
     const Ref callback = load_class_slot(cls, &ClassData::_fNewPerFileCreatedCallback);
@@ -250,7 +252,7 @@ Ref GetPerFile(ModuleState& m, PyTypeObject* cls, PyObject* pathname, bool creat
     if (!per_file || per_file.get() != none() || !create_missing) {
         return per_file;
     }
-    return make_record(cls, record_class, registry.get(), pathname);
+    return make_record(cls, record_class, pathname);
 }
 
 Ref known_per_code_objects(ModuleState& m, PyObject* per_file) {
