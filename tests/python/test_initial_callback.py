@@ -357,8 +357,27 @@ class CallbackTest(EventTestCase):
     def test_unknown_keywords_are_the_callers_error(self):
         callback = self.make_callback(xo.kPyStartEventId)
         code, _ = self.known_code(3)
-        self.assert_raises_text(TypeError, "Excess keyword arguments passed to function",
-                                callback.Callback, code, 0, offset=1)
+        for call, arguments in [(callback.Callback, ()), (xo.CInitialCallback.Callback, (callback,))]:
+            self.assert_raises_text(TypeError, "Excess keyword arguments passed to function",
+                                    call, *arguments, code, 0, offset=1)
+            self.assert_raises_text(TypeError, "Excess keyword arguments passed to function",
+                                    call, *arguments, code_object=code, offset=1)
+            self.assert_raises_text(TypeError, "argument is missing", call, *arguments, offset=1)
+
+    def test_the_code_object_can_be_given_by_name(self):
+        second = Recorder("answer")
+        callback = self.make_callback(1 << 20, second=second)
+        code, _ = self.known_code(3)
+        self.assertEqual(callback.Callback(code_object=code), "answer")
+        self.assertEqual(xo.CInitialCallback.Callback(callback, code_object=code), "answer")
+        self.assertEqual(second.calls, [(code,), (code,)])
+
+    def test_a_code_object_given_twice_is_the_callers_error(self):
+        callback = self.make_callback(xo.kPyStartEventId)
+        code, _ = self.known_code(3)
+        for call, arguments in [(callback.Callback, ()), (xo.CInitialCallback.Callback, (callback,))]:
+            self.assert_raises_text(TypeError, "argument has both a positional value and a keyword value",
+                                    call, *arguments, code, code_object=code)
 
     def test_one_callback_serves_many_threads_at_once(self):
         code, _ = self.known_code(3)

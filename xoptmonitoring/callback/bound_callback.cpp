@@ -8,6 +8,7 @@
 #include "xoptmonitoring/callback/initial_callback.h"
 #include "xoptmonitoring/callback/skip_determination.h"
 #include "xoptmonitoring/records/code_extra.h"
+#include "xoptmonitoring/runtime/arguments.h"
 
 namespace {
 
@@ -34,8 +35,8 @@ BoundCallbackData& data(PyObject* bound) {
 /// to `bound` during the call, so nothing of it is read once the event is on its way.
 PyObject* call_bound(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     const BoundCallbackData& callback = data(bound);
-    const Py_ssize_t nargs = vectorcall_nargs(nargsf);
-    if (!check_callback_arguments(nargs, kwnames)) {
+    Py_ssize_t nargs = vectorcall_nargs(nargsf);
+    if ((nargs == 0 || kwnames != nullptr) && !bind_callback_arguments(args, &nargs, kwnames)) {
         return nullptr;
     }
     ModuleState* m = callback.__self__ != nullptr ? callback.class_record->m : nullptr;
@@ -134,15 +135,14 @@ void* slot_value(Function* function) {
 
 }  // namespace
 
-XPY_COLD bool check_callback_arguments(Py_ssize_t nargs, PyObject* kwnames) {
-    if (nargs == 0) {
-        xpy.PyErr_SetString(xpy.PyExc_TypeError, "argument is missing");
+XPY_COLD bool bind_callback_arguments(PyObject* const* args, Py_ssize_t* nargs, PyObject* kwnames) {
+    PyObject* code_object = nullptr;
+    const tFastArgInfo rows[] = {{"code_object", 0, false, Py_T_OBJECT_EX, &code_object}, {}};
+    if (!XPy_GetFastArgs(args, *nargs, kwnames, rows, {.positional = true})) {
         return false;
     }
-    if (kwnames != nullptr && xpy.PyTuple_Size(kwnames) != 0) {
-        xpy.PyErr_SetString(xpy.PyExc_TypeError, "Excess keyword arguments passed to function");
-        return false;
-    }
+    // Values given by name follow the positional ones, so a code object given by name comes first.
+    *nargs = *nargs == 0 ? 1 : *nargs;
     return true;
 }
 

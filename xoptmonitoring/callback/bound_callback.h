@@ -9,5 +9,6 @@ bool create_bound_callback_type(ModuleState& m);
 /// A new bound callback: `function` is the class's Callback, `self` an instance of `cls`. Null with an exception set.
 PyObject* bind_callback(ModuleState& m, PyObject* function, PyObject* self, PyTypeObject* cls);
 
-/// Arguments of a call of the first stage: at least the code object, and no keywords. False with TypeError set.
-bool check_callback_arguments(Py_ssize_t nargs, PyObject* kwnames);
+/// Binds the arguments of a call of the first stage: the code object, which can be given by name, and any others by
+/// position. On success the positional ones are the first `*nargs` of `args`. False with TypeError set.
+bool bind_callback_arguments(PyObject* const* args, Py_ssize_t* nargs, PyObject* kwnames);

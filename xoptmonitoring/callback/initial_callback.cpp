@@ -77,7 +77,7 @@ XPY_COLD Ref log_exception(ModuleState& m) {
 }
 
 PyObject* call_callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
-    return check_callback_arguments(nargs, kwnames) ? Callback(m, self, args, nargs) : nullptr;
+    return bind_callback_arguments(args, &nargs, kwnames) ? Callback(m, self, args, nargs) : nullptr;
 }
 
 #define CALLBACK_DOC                                                                                                \
