@@ -223,6 +223,30 @@ class RecordsOfThreads(ShakingTestCase):
         cache.Detach(record)
         self.assertIsNone(cache.Get())
 
+    def test_a_record_that_dies_on_another_thread_is_found_alive_or_not_at_all(self):
+        """The slot only borrows. A count that has just come to zero elsewhere must not be counted up again: the
+        interpreter ended the process when it met the finaliser of a record that had come back like that."""
+        offered, cached = [], []
+
+        def offer_and_drop():
+            if not offered:
+                offered.append(CPerThread.__new__(CPerThread))
+            elif cached:
+                offered.clear()
+                cached.clear()
+
+        def cache_and_find():
+            if cached or not offered:
+                return
+            xo._CPerThreadTssCache.Store(offered[0])
+            cached.append(True)
+            for _ in range(1000):
+                if xo._CPerThreadTssCache.Get() is None:
+                    break
+
+        found, _ = shake(cache_and_find, offer_and_drop)
+        self.assertGreater(found, 0)
+
     def test_records_made_for_other_threads_are_the_ones_that_those_find(self):
         started, ended = threading.Barrier(CROWD + 1), threading.Event()
         found = {}

@@ -434,7 +434,7 @@ bool drop_own_capsule(ModuleState& m) {
 
 void finalize(PyObject* self) {
     // The cache borrows the record and would keep pointing at freed memory.
-    tss_cache::Detach(data(self));
+    tss_cache::retire(data(self));
     finalize_members(self, object_type, instance_data(self), kFields,
                      "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
 }

@@ -21,6 +21,9 @@ struct PerThreadData {
     PyObject* fSteppingCodeObjects;
     /// The slot record of the storage cache that points here, or null; under the cache's lock.
     TssSlotRecord* _fPyTssDataPtr;
+    /// On free-threaded interpreters, once cached: a weak reference to this very record, which the cache takes its
+    /// strong ones from; under the cache's lock.
+    PyObject* self_reference;
 };
 
 struct PerThreadClassData {

@@ -5,7 +5,9 @@
 // are freed by their own thread only; another thread that detaches a record zeroes it and leaves it to its owner.
 //
 // Locking: on free-threaded interpreters `_gXOptTssCacheLock` guards the key's creation and every change of slot
-// records and back pointers. Names that end in `_locked` are called with it held.
+// records and back pointers. Names that end in `_locked` are called with it held. A record whose count has come to
+// zero on another thread stays in its slot until its finaliser gets the lock, and must not be counted up again: Get
+// asks a weak reference for it, which tells the living from the dying.
 #include "xoptmonitoring/records/tss_cache.h"
 
 #include <cstdlib>
@@ -61,6 +63,31 @@ bool is_cacheable(PyObject* per_thread) {
            (xpy.PyObject_GC_IsFinalized == nullptr || xpy.PyObject_GC_IsFinalized(per_thread) == 0);
 }
 
+/// A new reference to what a slot record names; empty, with no exception set, where that is dying.
+Ref take_locked(const TssSlotRecord& rec) {
+    if (!is_free_threaded()) {
+        return Ref::share(rec.per_thread);
+    }
+    PyObject* found = nullptr;
+    PyObject* reference = per_thread::data(rec.per_thread).self_reference;
+    if (reference != nullptr && xpy.PyWeakref_GetRef(reference, &found) < 0) {
+        xpy.PyErr_Clear();
+    }
+    return Ref::steal(found);
+}
+
+void detach_locked(PerThreadData& per_thread) {
+    TssSlotRecord* rec = std::exchange(per_thread._fPyTssDataPtr, nullptr);
+    if (rec == nullptr) {
+        return;
+    }
+    *rec = {};
+    if (_gXOptPerThreadTssKey != nullptr && current_record_locked(_gXOptPerThreadTssKey) == rec) {
+        xpy.PyThread_tss_set(_gXOptPerThreadTssKey, nullptr);
+        std::free(rec);
+    }
+}
+
 }  // namespace
 
 namespace tss_cache {
@@ -92,9 +119,11 @@ Ref Get(ModuleState& m) {
     }
     // A second module object has a class of its own, whose records are not this one's to hand out.
     if (rec->per_thread != nullptr && rec->tstate == xpy.PyThreadState_Get() && is_instance_of(rec->per_thread, cls)) {
-        return Ref::share(rec->per_thread);
+        if (Ref per_thread = take_locked(*rec)) {
+            return per_thread;
+        }
     }
-    // Stale: detached, or the operating system's thread has a new thread state.
+    // Stale: detached, dying, or the operating system's thread has a new thread state.
     _DropCurrentSlot_locked();
     return new_none();
 }
@@ -106,6 +135,11 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     }
     if (!is_cacheable(per_thread)) {
         return true;
+    }
+    Ref reference = is_free_threaded() ? Ref::steal(xpy.PyWeakref_NewRef(per_thread, nullptr)) : Ref();
+    if (is_free_threaded() && !reference) {
+        xpy.PyErr_Clear();
+        return true;  // as where there is no memory for the slot record
     }
     const NativeLock lock(_gXOptTssCacheLock);
     Py_tss_t* key = ensure_key_locked();
@@ -124,6 +158,9 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     }
     *rec = {per_thread, xpy.PyThreadState_Get()};
     owner->_fPyTssDataPtr = rec;
+    if (owner->self_reference == nullptr) {
+        owner->self_reference = reference.release();
+    }
     return true;
 }
 
@@ -134,15 +171,14 @@ void Clear() {
 
 void Detach(PerThreadData& per_thread) {
     const NativeLock lock(_gXOptTssCacheLock);
-    TssSlotRecord* rec = std::exchange(per_thread._fPyTssDataPtr, nullptr);
-    if (rec == nullptr) {
-        return;
-    }
-    *rec = {};
-    if (_gXOptPerThreadTssKey != nullptr && current_record_locked(_gXOptPerThreadTssKey) == rec) {
-        xpy.PyThread_tss_set(_gXOptPerThreadTssKey, nullptr);
-        std::free(rec);
-    }
+    detach_locked(per_thread);
+}
+
+void retire(PerThreadData& per_thread) {
+    Ref reference;  // dropped after the lock
+    const NativeLock lock(_gXOptTssCacheLock);
+    detach_locked(per_thread);
+    reference = Ref::steal(std::exchange(per_thread.self_reference, nullptr));
 }
 
 namespace {

@@ -31,6 +31,9 @@ void Clear();
 /// Makes sure that no slot record points at the record whose data this is; from any thread. Raises nothing.
 void Detach(PerThreadData& per_thread);
 
+/// The same for good, at the record's end.
+void retire(PerThreadData& per_thread);
+
 }  // namespace tss_cache
 
 /// The calling thread's id, as the interpreter numbers threads.
