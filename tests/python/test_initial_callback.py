@@ -718,6 +718,61 @@ class BoundCallbackTest(EventTestCase):
         self.assertEqual(callback.Callback(code, 0, len, types), "second")
         self.assertEqual(self.second.calls, [(code, 0, len, types)])
 
+    def test_an_event_id_assigned_later_counts_for_callables_handed_out_before(self):
+        code, record = self.known_code(3)
+        record.fReturnEventsNeededCount = 1
+        CPerThread.GetPerThread()
+        wanted = {"LINE": False, "PY_START": False, "PY_RETURN": True, "PY_RESUME": False, "PY_YIELD": True}
+        ids = {**EVENT_IDS, "foreign": FOREIGN_EVENT_ID}
+        for before in ids:
+            for after in ids:
+                with self.subTest(before=before, after=after):
+                    callback = self.make_callback(ids[before])
+                    bound = callback.Callback
+                    bound(code, 4)
+                    callback._fEventId = ids[after]
+                    for _ in range(2):  # the first call may settle what the event is
+                        self.assertEqual(bound(code, 4), "second" if wanted.get(after, True) else None)
+                    self.assertEqual(bound(code, 3), "second" if wanted.get(after, True) or after == "LINE" else None)
+
+    def test_a_line_event_without_a_line_has_the_line_none(self):
+        code, record = self.known_code(3)
+        bound = self.make_callback(xo.kPyLineEventId).Callback
+        self.assertIsNone(bound(code))
+        record.fEnabledBpLinenos.add(None)
+        self.assertEqual(bound(code), "second")
+        self.assertEqual(self.second.calls, [(code,)])
+
+    def test_a_callable_may_be_let_go_while_a_breakpoint_is_compared(self):
+        class Unregistering:
+            """Stands in a set of breakpoints in the place of line 4."""
+
+            def __hash__(self):
+                return hash(4)
+
+            def __eq__(self, other):
+                sys.monitoring.register_callback(4, sys.monitoring.events.LINE, None)
+                instances.clear()
+                gc.collect()
+                return other == equal_to
+
+        for equal_to in (4, "no line"):
+            code, record = self.known_code(source=f"a = {equal_to!r}\n" + "b = 2\n" * 5)
+            record.fEnabledBpLinenos = {Unregistering()}
+            calls = []
+            instances = [CInitialCallback(xo.kPyLineEventId, lambda *args: calls.append(args), False)]
+            alive = weakref.ref(instances[0].Callback)
+            sys.monitoring.use_tool_id(4, "unregistering")
+            try:
+                sys.monitoring.register_callback(4, sys.monitoring.events.LINE, instances[0].Callback)
+                sys.monitoring.set_local_events(4, code, sys.monitoring.events.LINE)
+                exec(code)
+            finally:
+                sys.monitoring.free_tool_id(4)
+            self.assertEqual(instances, [])
+            self.assertIsNone(alive())
+            self.assertEqual(calls, [(code, 4)] if equal_to == 4 else [])
+
 
 if __name__ == "__main__":
     unittest.main()

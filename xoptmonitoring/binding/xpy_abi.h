@@ -149,5 +149,4 @@ inline constexpr Py_ssize_t vectorcall_nargs(std::size_t nargsf) {
 #define XPY_LIKELY(condition) __builtin_expect(static_cast<bool>(condition), true)
 #define XPY_UNLIKELY(condition) __builtin_expect(static_cast<bool>(condition), false)
 #define XPY_ALWAYS_INLINE inline __attribute__((always_inline))
-#define XPY_NOINLINE __attribute__((noinline))
 #define XPY_COLD __attribute__((cold, noinline))

@@ -12,6 +12,10 @@
 
 namespace {
 
+using initial_callback::is_call_skipped;
+using initial_callback::is_line_skipped;
+using initial_callback::kind_of;
+
 struct BoundCallbackData {
     vectorcallfunc vectorcall;
     PyObject* __self__;
@@ -47,22 +51,47 @@ PyObject* call_bound(PyObject* bound, PyObject* const* args, std::size_t nargsf,
     return initial_callback::Callback(*m, callback.__self__, args, nargs);
 }
 
-/// The interpreter's entry where the fast road is open: nearly every event ends here.
-PyObject* call_quickly(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+/// The interpreter's entry for LINE events where the fast road is open: nearly every such event ends here. A set of
+/// breakpoints may hold objects whose comparison runs Python code, and that may unregister the callable.
+PyObject* call_for_line(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     const auto& callback = plain::data<BoundCallbackData>(bound);
-    const Py_ssize_t nargs = vectorcall_nargs(nargsf);
-    if (XPY_UNLIKELY(kwnames != nullptr || nargs == 0)) {
+    const ModuleState* m = callback.class_record->m;
+    const plain::Hold held(bound);
+    if (XPY_UNLIKELY(vectorcall_nargs(nargsf) < 2 || kwnames != nullptr || m == nullptr)) {
         return call_bound(bound, args, nargsf, kwnames);
     }
-    const ModuleState* m = callback.class_record->m;
-    if (XPY_UNLIKELY(m == nullptr || callback.__self__ == nullptr)) {
-        return call_bound(bound, args, nargsf, nullptr);
-    }
-    const auto& fields = plain::data<InitialCallbackData>(callback.__self__);
-    if (XPY_UNLIKELY(initial_callback::quick_answer(*m, fields, args, nargs) != Answer::Skip)) {
+    if (XPY_UNLIKELY(!is_line_skipped(*m, plain::data<InitialCallbackData>(callback.__self__), args))) {
         return call_bound(bound, args, nargsf, nullptr);
     }
     return none();  // immortal wherever monitoring exists, so a reference costs nothing
+}
+
+/// The same for the events that start or end a call, which need the thread's record. That comes first, since it is the
+/// one thing here behind a call of the interpreter: what is read after it need not be saved and restored. No Python
+/// code runs before the answer.
+PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+    if (XPY_UNLIKELY(vectorcall_nargs(nargsf) == 0 || kwnames != nullptr)) {
+        return call_bound(bound, args, nargsf, kwnames);
+    }
+    const TssSlotRecord* slot_record = tss_cache::peek_slot_record();
+    const auto& callback = plain::data<BoundCallbackData>(bound);
+    const ModuleState* m = callback.class_record->m;
+    if (XPY_UNLIKELY(slot_record == nullptr || m == nullptr)) {
+        return call_bound(bound, args, nargsf, nullptr);
+    }
+    if (XPY_UNLIKELY(!is_call_skipped(*m, plain::data<InitialCallbackData>(callback.__self__), args, *slot_record))) {
+        return call_bound(bound, args, nargsf, nullptr);
+    }
+    return none();
+}
+
+/// The entry that suits the event that an instance serves now. Each entry works for every event.
+vectorcallfunc entry_for(const ModuleState& m, PyObject* self) {
+    if (!plain::is_fast_road_open()) {
+        return call_bound;
+    }
+    const EventKind kind = kind_of(m.globals, instance_data_as<InitialCallbackData>(self)._fEventId);
+    return kind == EventKind::Line ? call_for_line : kind >= EventKind::Start ? call_for_call : call_bound;
 }
 
 /// Attributes that a bound callback lacks are its function's, as with a method.
@@ -110,11 +139,13 @@ int traverse(PyObject* bound, visitproc visit, void* arg) {
 }
 
 int clear(PyObject* bound) {
+    data(bound).vectorcall = call_bound;  // the others do not ask whether there is an instance
     clear_members(instance_data(bound), kFields);
     return 0;
 }
 
 void finalize(PyObject* bound) {
+    data(bound).vectorcall = call_bound;
     finalize_members(bound, object_type, instance_data(bound), kFields,
                      "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
 }
@@ -182,8 +213,8 @@ PyObject* bind_callback(ModuleState& m, PyObject* function, PyObject* self, PyTy
     }
     PyObject* bound = xpy.PyType_GenericAlloc(as_type(m.types.bound_callback), 0);
     if (bound != nullptr) {
-        data(bound) = {plain::is_fast_road_open() ? call_quickly : call_bound, Ref::share(self).release(),
-                       Ref::share(function).release(), static_cast<const ClassRecord*>(class_data(as_object(cls)))};
+        data(bound) = {entry_for(m, self), Ref::share(self).release(), Ref::share(function).release(),
+                       static_cast<const ClassRecord*>(class_data(as_object(cls)))};
     }
     return bound;
 }

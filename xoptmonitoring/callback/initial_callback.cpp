@@ -20,10 +20,15 @@ namespace {
 using Data = InitialCallbackData;
 using ClassData = InitialCallbackClassData;
 
+void forget_kind(void* data) {
+    __atomic_store_n(&static_cast<Data*>(data)->kind, EventKind::Unsettled, __ATOMIC_SEQ_CST);
+}
+
 #define FIELD(name, type, flags, doc) \
     { #name, FieldType::type, offsetof(Data, name), flags, doc }
 constexpr FieldDecl kFields[] = {
-    FIELD(_fEventId, Int, 0, "The sys.monitoring event id that this instance serves."),
+    {"_fEventId", FieldType::Int, offsetof(Data, _fEventId), 0,
+     "The sys.monitoring event id that this instance serves.", forget_kind},
     FIELD(_fSecondCallback, Object, kFinalField, "The tracer's callable for events of interest; set once."),
     FIELD(_fCanReturnDisable, Bool, 0, "Whether kSysMonitoringDisable may be returned for this event."),
     FIELD(fAnySuspendThread, Bool, 0, "True while some thread has to be suspended; set by the tracer."),
@@ -130,7 +135,8 @@ bool check_per_code_object(ModuleState& m, PyObject* object) {
 
 Ref initialise(PyObject* self, const Argument* args) {
     Data& callback = data(self);
-    __atomic_store_n(&callback._fEventId, args[0].integer, __ATOMIC_RELAXED);
+    __atomic_store_n(&callback._fEventId, args[0].integer, __ATOMIC_SEQ_CST);
+    forget_kind(&callback);
     if (write_member(self, &callback, kFields[1], args[1].object) != 0) {
         return {};
     }
@@ -138,6 +144,21 @@ Ref initialise(PyObject* self, const Argument* args) {
     __atomic_store_n(&callback.fAnySuspendThread, 0, __ATOMIC_RELAXED);
     __atomic_store_n(&callback.fSteppingEventsNeededEveryThread, 0, __ATOMIC_RELAXED);
     return new_none();
+}
+
+/// Works out what the event is, unless that is known. An id that is assigned meanwhile, on another thread, comes first
+/// or unsettles the kind again.
+EventKind settle_kind(ModuleState& m, Data& callback) {
+    EventKind kind = __atomic_load_n(&callback.kind, __ATOMIC_RELAXED);
+    if (kind == EventKind::Unsettled) {
+        const Py_ssize_t event_id = __atomic_load_n(&callback._fEventId, __ATOMIC_SEQ_CST);
+        kind = kind_of(m.globals, event_id);
+        __atomic_store_n(&callback.kind, kind, __ATOMIC_SEQ_CST);
+        if (__atomic_load_n(&callback._fEventId, __ATOMIC_SEQ_CST) != event_id) {
+            forget_kind(&callback);
+        }
+    }
+    return kind;
 }
 
 constexpr ParamDecl kInitParams[] = {
@@ -213,8 +234,19 @@ constexpr ClassDecl kClass = {
 
 }  // namespace
 
+EventKind kind_of(const ModuleGlobals& globals, Py_ssize_t event_id) {
+    if (event_id == globals.kPyLineEventId) {
+        return EventKind::Line;
+    }
+    if (event_id == globals.kPyStartEventId || event_id == globals.kPyResumeEventId) {
+        return EventKind::Start;
+    }
+    const bool returns = event_id == globals.kPyReturnEventId || event_id == globals.kPyYieldEventId;
+    return returns ? EventKind::Return : EventKind::Other;
+}
+
 PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
-    const bool is_line = __atomic_load_n(&data(self)._fEventId, __ATOMIC_RELAXED) == m.globals.kPyLineEventId;
+    const bool is_line = settle_kind(m, data(self)) == EventKind::Line;
     HeldEvent event{args[0], is_line && nargs > 1 ? args[1] : none(), Ref::share(self), Ref(), Ref()};
     if (is_logging_first_stage(m) && !log_called(m, self, args[0])) {
         return log_exception(m).release();

@@ -3,6 +3,10 @@
 
 #include "xoptmonitoring/runtime/class_builder.h"
 
+/// What an event is to the first stage. Unsettled until it is worked out from the event's id; Start and Return come
+/// last, where one comparison tells them from the rest.
+enum class EventKind : std::int32_t { Unsettled, Other, Line, Start, Return };
+
 struct InitialCallbackData {
     Py_ssize_t _fEventId;
     PyObject* _fSecondCallback;
@@ -10,6 +14,8 @@ struct InitialCallbackData {
     alignas(std::int64_t) std::int32_t fAnySuspendThread;
     std::int32_t fSteppingEventsNeededEveryThread;
     std::int32_t _fCanReturnDisable;
+    /// Follows from `_fEventId`; unsettled again whenever that is assigned to.
+    EventKind kind;
 };
 
 struct InitialCallbackClassData {
@@ -30,6 +36,9 @@ inline PyTypeObject* this_class(ModuleState& m) {
 inline InitialCallbackData& data(PyObject* self) {
     return instance_data_as<InitialCallbackData>(self);
 }
+
+/// What the event with that id is.
+EventKind kind_of(const ModuleGlobals& globals, Py_ssize_t event_id);
 
 /// One event, from the interpreter's arguments (at least the code object) to the answer: a new reference. Null with an
 /// exception set only where the debugger's log itself failed.

@@ -65,6 +65,14 @@ struct CarefulRoad {
         return data(event.self.get());
     }
 
+    static EventKind kind(const ModuleState& m, const HeldEvent& event) {
+        return kind_of(m.globals, load(callback(event)._fEventId));
+    }
+
+    static bool is_line(EventKind kind) {
+        return kind == EventKind::Line;
+    }
+
     static const PerCodeObjectData& code_record(const HeldEvent& event) {
         return per_code_object::data(event.per_code_object.get());
     }
@@ -130,16 +138,18 @@ struct CarefulRoad {
     }
 };
 
-/// An event on the fast road: the interpreter's arguments, and the records' fields once they are found. All borrowed.
+/// An event on the fast road: the interpreter's arguments, and what is found on the way. All borrowed.
 struct QuickEvent {
     const InitialCallbackData& callback;
     PyObject* const* args;
-    Py_ssize_t nargs;
+    const TssSlotRecord* slot_record = nullptr;
     const PerCodeObjectData* code_record = nullptr;
     const PerThreadData* thread_record = nullptr;
 };
 
-/// The road of nearly every event, where objects are plain. Stopping means that the careful road has to be taken.
+/// The road of nearly every event, where objects are plain. Stopping means that the careful road has to be taken. There
+/// is one for LINE events, which rarely come to the thread's part, and one for the other kinds, which always do.
+template <bool kIsLine>
 struct FastRoad {
     using RoadEvent = QuickEvent;
     static constexpr Answer kStop = Answer::Undecided;
@@ -151,6 +161,14 @@ struct FastRoad {
 
     static const InitialCallbackData& callback(const QuickEvent& event) {
         return event.callback;
+    }
+
+    static EventKind kind(const ModuleState& /*m*/, const QuickEvent& event) {
+        return event.callback.kind;
+    }
+
+    static bool is_line(EventKind /*kind*/) {
+        return kIsLine;
     }
 
     static const PerCodeObjectData& code_record(const QuickEvent& event) {
@@ -176,7 +194,11 @@ struct FastRoad {
     }
 
     static bool find_thread_record(const ModuleState& m, QuickEvent& event) {
-        event.thread_record = tss_cache::peek(m);
+        const TssSlotRecord* slot_record = kIsLine ? tss_cache::peek_slot_record() : event.slot_record;
+        if (kIsLine && slot_record == nullptr) {
+            return false;
+        }
+        event.thread_record = tss_cache::peek(m, *slot_record);
         return event.thread_record != nullptr && per_thread::is_named(m, *event.thread_record);
     }
 
@@ -193,8 +215,7 @@ struct FastRoad {
     /// after which nothing borrowed can be trusted any more.
     static Line look_at_line(const QuickEvent& event) {
         PyObject* enabled_bp_linenos = event.code_record->fEnabledBpLinenos;
-        if (XPY_UNLIKELY(enabled_bp_linenos == nullptr || plain::type_of(enabled_bp_linenos) != xpy.PySet_Type_ptr ||
-                         event.nargs < 2)) {
+        if (XPY_UNLIKELY(enabled_bp_linenos == nullptr || plain::type_of(enabled_bp_linenos) != xpy.PySet_Type_ptr)) {
             return Line::Stop;
         }
         const plain::Hold held(enabled_bp_linenos);
@@ -240,12 +261,8 @@ XPY_ALWAYS_INLINE bool is_line_filter_on(const typename Road::RoadEvent& event) 
 
 /// The last filter.
 template <class Road>
-XPY_ALWAYS_INLINE Answer decide_second(const ModuleState& m, const typename Road::RoadEvent& event) {
-    const Py_ssize_t event_id = Road::load(Road::callback(event)._fEventId);
-    const bool is_line = event_id == m.globals.kPyLineEventId;
-    const bool returns = event_id == m.globals.kPyReturnEventId || event_id == m.globals.kPyYieldEventId;
-    const bool starts = event_id == m.globals.kPyStartEventId || event_id == m.globals.kPyResumeEventId;
-    if (!starts && !returns && !is_line) {
+XPY_ALWAYS_INLINE Answer decide_second(const typename Road::RoadEvent& event, EventKind kind) {
+    if (kind < EventKind::Line) {
         return Answer::Call;
     }
     const Step stepping = Road::is_stepping(event);
@@ -256,7 +273,7 @@ XPY_ALWAYS_INLINE Answer decide_second(const ModuleState& m, const typename Road
     if (Road::load(record.fSteppingEventsNeededCount) != 0) {
         return Answer::Call;
     }
-    if (is_line) {
+    if (Road::is_line(kind)) {
         const Line line = Road::look_at_line(event);
         if (line == Line::Stop) {
             return Road::kStop;
@@ -268,7 +285,7 @@ XPY_ALWAYS_INLINE Answer decide_second(const ModuleState& m, const typename Road
         // Not known yet, so the tracer has to see the event.
         return known == Step::No ? Answer::Call : Road::kStop;
     }
-    return returns && Road::load(record.fReturnEventsNeededCount) != 0 ? Answer::Call : Answer::Skip;
+    return kind == EventKind::Return && Road::load(record.fReturnEventsNeededCount) != 0 ? Answer::Call : Answer::Skip;
 }
 
 /// The thread's part of the decision.
@@ -283,7 +300,7 @@ XPY_ALWAYS_INLINE Answer decide_by_thread(RoadState<Road>& m, typename Road::Roa
     if (XPY_UNLIKELY(Road::load(Road::callback(event).fAnySuspendThread) != 0) && !Road::suspend(m, event)) {
         return Road::kStop;
     }
-    return decide_second<Road>(m, event);
+    return decide_second<Road>(event, Road::kind(m, event));
 }
 
 /// The whole decision.
@@ -298,7 +315,7 @@ XPY_ALWAYS_INLINE Answer decide(RoadState<Road>& m, typename Road::RoadEvent& ev
     if (XPY_UNLIKELY(Road::is_internal(event))) {
         return answer_internal<Road>(m, event);
     }
-    if (Road::load(Road::callback(event)._fEventId) == m.globals.kPyLineEventId && is_line_filter_on<Road>(event)) {
+    if (Road::is_line(Road::kind(m, event)) && is_line_filter_on<Road>(event)) {
         const Line line = Road::look_at_line(event);
         if (XPY_LIKELY(line == Line::NotEnabled)) {
             return Answer::Skip;
@@ -312,13 +329,21 @@ XPY_ALWAYS_INLINE Answer decide(RoadState<Road>& m, typename Road::RoadEvent& ev
 
 }  // namespace
 
-Answer quick_answer(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                    Py_ssize_t nargs) {
-    if (XPY_UNLIKELY(m.globals._gDPrintfFile != none())) {
-        return Answer::Undecided;
+bool is_line_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args) {
+    if (XPY_UNLIKELY(callback.kind != EventKind::Line || m.globals._gDPrintfFile != none())) {
+        return false;
     }
-    QuickEvent event{callback, args, nargs};
-    return decide<FastRoad>(m, event);
+    QuickEvent event{callback, args};
+    return decide<FastRoad<true>>(m, event) == Answer::Skip;
+}
+
+bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                     const TssSlotRecord& slot_record) {
+    if (XPY_UNLIKELY(callback.kind < EventKind::Start || m.globals._gDPrintfFile != none())) {
+        return false;
+    }
+    QuickEvent event{callback, args, &slot_record};
+    return decide<FastRoad<false>>(m, event) == Answer::Skip;
 }
 
 Answer _SkipDetermination(ModuleState& m, HeldEvent& event) {
@@ -326,7 +351,7 @@ Answer _SkipDetermination(ModuleState& m, HeldEvent& event) {
 }
 
 Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event) {
-    return decide_second<CarefulRoad>(m, event);
+    return decide_second<CarefulRoad>(event, CarefulRoad::kind(m, event));
 }
 
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread) {

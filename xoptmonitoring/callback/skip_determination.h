@@ -2,11 +2,12 @@
 #pragma once
 
 #include "xoptmonitoring/callback/initial_callback.h"
+#include "xoptmonitoring/records/tss_cache.h"
 #include "xoptmonitoring/runtime/log_lines.h"
 
 /// What the first stage answers.
 enum class Answer {
-    Undecided,  ///< the fast road ends here
+    Undecided,  ///< the fast road's: take the careful one
     Failed,     ///< an exception is set
     Call,       ///< call the second callback
     Skip,       ///< None: keep the event enabled at this location
@@ -30,10 +31,13 @@ Answer _SkipDetermination(ModuleState& m, HeldEvent& event);
 /// The last filter, on stepping, breakpoints and wanted returns: Skip, Call, or Failed with an exception set.
 Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event);
 
-/// The same decision as far as it can be had without Python code, references and locks, where objects are plain:
-/// Undecided where the event has to be looked at in full. `args` are the interpreter's arguments, the code object
-/// first, if any. Sets no exception.
-Answer quick_answer(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args, Py_ssize_t nargs);
+/// The same decision as far as it can be had without Python code, references and locks, where objects are plain: for
+/// LINE events, and for those that start or end a call. True to skip the event; false where it has to be looked at in
+/// full. `args` are the interpreter's arguments: the code object, for LINE the line, and more. `slot_record` is what
+/// the thread's storage cache points at. Sets no exception.
+bool is_line_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args);
+bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                     const TssSlotRecord& slot_record);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);

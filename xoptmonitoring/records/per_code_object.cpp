@@ -40,9 +40,20 @@ constexpr FieldDecl kFields[] = {
 
 #define FIELD(name, type, doc) \
     { #name, FieldType::type, offsetof(ClassData, name), 0, doc }
+/// Keeps ModuleState::quick_extra_index up to date; a subclass has no say in it.
+void update_quick_index(void* class_data) {
+    const auto& fields = *static_cast<const ClassData*>(class_data);
+    if (fields.record.m == nullptr) {
+        return;
+    }
+    const bool is_open = plain::is_fast_road_open() && fields._fCodeObjectExtraIndex == fields.reserved_index;
+    fields.record.m->quick_extra_index = is_open ? fields.reserved_index : -1;
+}
+
 constexpr FieldDecl kClassFields[] = {
     FIELD(_fPerCodeObjectDict, Dict, "dict: weak reference to code object -> record; used where there is no slot."),
-    FIELD(_fCodeObjectExtraIndex, Int, "Index of the code-extra slot that holds the records, or -1."),
+    {"_fCodeObjectExtraIndex", FieldType::Int, offsetof(ClassData, _fCodeObjectExtraIndex), 0,
+     "Index of the code-extra slot that holds the records, or -1.", update_quick_index},
     FIELD(_fNewPerCodeObjectCreatedCallback, Object, "Callable that is given each new record, or None."),
 };
 #undef FIELD
@@ -541,8 +552,8 @@ Ref create(ModuleState& m) {
         return {};
     }
     store_class_slot(as_type(cls.get()), &ClassData::_fPerCodeObjectDict, std::move(registry));
-    set_class_word(as_type(cls.get()), kExtraIndexField, index);
     class_data_as<ClassData>(as_type(cls.get())).reserved_index = index;
+    set_class_word(as_type(cls.get()), kExtraIndexField, index);
     store_class_slot(as_type(cls.get()), &ClassData::_fNewPerCodeObjectCreatedCallback, new_none());
     return cls;
 }

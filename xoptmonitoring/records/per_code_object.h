@@ -61,17 +61,11 @@ inline PerCodeObjectData& data(PyObject* self) {
 /// For the fast road, where objects are plain and a global lock is held: the code object is running and owns the slot,
 /// and only Python code could put another record there.
 inline const PerCodeObjectData* peek(const ModuleState& m, PyObject* code_object) {
-    PyTypeObject* cls = as_type(m.globals.CPerCodeObject);
-    if (XPY_UNLIKELY(cls == nullptr)) {
+    if (XPY_UNLIKELY(m.quick_extra_index < 0)) {
         return nullptr;
     }
-    const auto& class_fields = class_data_as<PerCodeObjectClassData>(cls);
-    const Py_ssize_t index = class_fields._fCodeObjectExtraIndex;
-    if (XPY_UNLIKELY(index != class_fields.reserved_index)) {
-        return nullptr;
-    }
-    PyObject* record = plain::peek_code_extra(code_object, index);
-    const bool is_own = record != nullptr && plain::type_of(record) == cls;
+    PyObject* record = plain::peek_code_extra(code_object, m.quick_extra_index);
+    const bool is_own = record != nullptr && as_object(plain::type_of(record)) == m.globals.CPerCodeObject;
     return XPY_LIKELY(is_own) ? &plain::data<PerCodeObjectData>(record) : nullptr;
 }
 

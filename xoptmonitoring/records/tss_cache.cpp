@@ -12,10 +12,10 @@
 
 #include <cstdlib>
 
+Py_tss_t* _gXOptPerThreadTssKey = nullptr;
+
 namespace {
 
-/// Created on first use and kept for the life of the process.
-Py_tss_t* _gXOptPerThreadTssKey = nullptr;
 PyMutex _gXOptTssCacheLock = {};
 
 /// The key, or null where the interpreter cannot give one: the cache is then silently ineffective.
@@ -91,20 +91,6 @@ void detach_locked(PerThreadData& per_thread) {
 }  // namespace
 
 namespace tss_cache {
-
-PerThreadData* peek(const ModuleState& m) {
-    if (XPY_UNLIKELY(_gXOptPerThreadTssKey == nullptr)) {
-        return nullptr;
-    }
-    const PyThreadState* tstate = xpy.PyThreadState_Get();
-    const TssSlotRecord* rec = current_record_locked(_gXOptPerThreadTssKey);
-    // A detached record names no thread state, and so none that runs.
-    if (XPY_UNLIKELY(rec == nullptr || rec->tstate != tstate)) {
-        return nullptr;
-    }
-    const bool is_own = as_object(plain::type_of(rec->per_thread)) == m.globals.CPerThread;
-    return XPY_LIKELY(is_own) ? &plain::data<PerThreadData>(rec->per_thread) : nullptr;
-}
 
 Ref Get(ModuleState& m) {
     PyTypeObject* cls = per_thread::this_class(m);

@@ -268,5 +268,8 @@ int set_class_attribute(PyObject* cls, PyObject* name, PyObject* value) {
 
 void set_class_word(PyTypeObject* cls, const FieldDecl& field, Py_ssize_t value) {
     __atomic_store_n(&field_at<Py_ssize_t>(class_data(as_object(cls)), field), value, __ATOMIC_RELAXED);
+    if (field.changed != nullptr) {
+        field.changed(class_data(as_object(cls)));
+    }
     __atomic_or_fetch(&record_head(as_object(cls)).words_set, word_bit(field), __ATOMIC_RELEASE);
 }

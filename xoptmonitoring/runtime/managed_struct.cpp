@@ -87,7 +87,10 @@ int write_member(PyObject* owner, void* data, const FieldDecl& field, PyObject* 
             if (!check_value(ValueType::Int, value) || !to_ssize(value, &word)) {
                 return -1;
             }
-            __atomic_store_n(&field_at<Py_ssize_t>(data, field), word, __ATOMIC_RELAXED);
+            __atomic_store_n(&field_at<Py_ssize_t>(data, field), word, __ATOMIC_SEQ_CST);
+            if (field.changed != nullptr) {
+                field.changed(data);
+            }
             return 0;
         }
         case FieldType::Bool:

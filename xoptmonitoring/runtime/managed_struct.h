@@ -29,6 +29,8 @@ struct FieldDecl {
     std::size_t offset;  ///< within the data block
     int flags;
     const char* doc;
+    /// For an Int: called with the data block after each assignment, for what is derived from the field.
+    void (*changed)(void* data) = nullptr;
 };
 
 constexpr bool is_object_field(const FieldDecl& field) {

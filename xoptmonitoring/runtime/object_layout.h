@@ -54,11 +54,10 @@ class [[nodiscard]] Hold {
         ++header().refcnt;
     }
     ~Hold() {
-        if (XPY_UNLIKELY(header().refcnt == 1)) {
-            XPy_CallDecRef(object_);
-            return;
+        if (XPY_UNLIKELY(--header().refcnt == 0)) {
+            header().refcnt = 1;
+            XPy_CallDecRef(object_);  // runs the destructor
         }
-        --header().refcnt;
     }
     Hold(const Hold&) = delete;
     Hold& operator=(const Hold&) = delete;
