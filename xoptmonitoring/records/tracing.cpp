@@ -25,6 +25,21 @@ bool repeat(PyObject* support, PyObject* name, PyObject* tstate, Py_ssize_t coun
     return true;
 }
 
+/// Whether the pending exception says that the interpreter's function was not reached for want of memory. ctypes puts
+/// an ArgumentError in the place of what stopped it from converting an argument, a MemoryError included.
+bool was_out_of_memory(ModuleState& m) {
+    if (xpy.PyErr_ExceptionMatches(xpy.PyExc_MemoryError) != 0) {
+        return true;
+    }
+    Ref argument_error;
+    {
+        const PendingException pending;
+        const Ref ctypes = load_global(m, m.globals.ctypes);
+        argument_error = ctypes ? get_attr(ctypes.get(), m.names.ArgumentError) : Ref();
+    }
+    return argument_error && xpy.PyErr_ExceptionMatches(argument_error.get()) != 0;
+}
+
 }  // namespace
 
 bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count) {
@@ -44,7 +59,7 @@ bool leave_tracing(ModuleState& m) {
     if (AddToThreadStateTracing(m, -1)) {
         return true;
     }
-    if (xpy.PyErr_ExceptionMatches(xpy.PyExc_MemoryError) != 0) {
+    if (was_out_of_memory(m)) {
         xpy.PyThreadState_LeaveTracing(xpy.PyThreadState_Get());
     }
     return false;
