@@ -84,9 +84,9 @@ bool pop_if_same(ModuleState& m, PyObject* ThreadClassData::*slot, PyObject* key
     return found.get() != value || dict_pop(registry.get(), key, m.names.pop);
 }
 
-bool change_id_set(ModuleState& m, PyObject* ThreadClassData::*slot, PyObject* method, PyObject* thread_id) {
-    const Ref ids = per_thread::class_slot(m, slot);
-    return ids && call_method(ids.get(), method, thread_id);
+bool note_clean_up(ModuleState& m, PyObject* thread_id) {
+    const Ref ids = per_thread::class_slot(m, &ThreadClassData::_fCleanedUpThreadIds);
+    return ids && call_method(ids.get(), m.names.add, thread_id);
 }
 
 /// The part of the clean-up under the registry lock: a record already replaced by a newer one for a reused id stays.
@@ -108,7 +108,7 @@ bool clean_up(ModuleState& m, PyObject* self) {
     }
     const PerThreadData* record = per_thread::checked_data(m, per_thread.get());
     const Ref thread_id = record != nullptr ? load_field(per_thread.get(), record->fThreadId) : Ref();
-    if (!thread_id || !change_id_set(m, &ThreadClassData::_fCleanedUpThreadIds, m.names.add, thread_id.get()) ||
+    if (!thread_id || !note_clean_up(m, thread_id.get()) ||
         !leave_registries(m, self, thread_id.get(), per_thread.get())) {
         return false;
     }
@@ -128,8 +128,12 @@ void print_and_swallow(ModuleState& m) {
 /// The finaliser's callback, on the exiting thread while its thread state is being cleared.
 bool __CapsuleDestructor(ModuleState& m, PyObject* self) {
     const Ref current_thread_id = thread_ident();
-    if (!current_thread_id ||
-        !change_id_set(m, &ThreadClassData::_fDestructorActiveThreadIds, m.names.add, current_thread_id.get())) {
+    const Ref active =
+        current_thread_id ? per_thread::class_slot(m, &ThreadClassData::_fDestructorActiveThreadIds) : Ref();
+    // Looked up before: there may be no memory left for it at the end, and a note that stays would keep the next
+    // thread of this id from ever having a record.
+    const Ref discard = active ? get_attr(active.get(), m.names.discard) : Ref();
+    if (!discard || !call_method(active.get(), m.names.add, current_thread_id.get())) {
         return false;
     }
     bool done = AddToThreadStateTracing(m, 1);
@@ -140,7 +144,7 @@ bool __CapsuleDestructor(ModuleState& m, PyObject* self) {
         done = leave_tracing(m);
     }
     PendingException pending;
-    if (!change_id_set(m, &ThreadClassData::_fDestructorActiveThreadIds, m.names.discard, current_thread_id.get())) {
+    if (!call(discard.get(), current_thread_id.get())) {
         pending.drop();
         return false;
     }
