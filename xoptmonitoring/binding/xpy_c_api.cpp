@@ -231,12 +231,26 @@ bool read_version() {
     return xpy.PyErr_Occurred() == nullptr;
 }
 
-/// Reads the version words; without them binding goes on with what the entry point told.
+/// The version words from a constant that interpreters export since 3.11, where there is one. Reading it takes no
+/// memory, and cannot fail just once and leave the process bound to the wrong version for good.
+void read_version_constant() {
+    const auto* version = static_cast<const unsigned long*>(GetPtrNullOk(xpy.dll_ptr, "Py_Version"));
+    if (version == nullptr) {
+        return;
+    }
+    const auto byte = [version](int index) { return static_cast<std::int32_t>(*version >> (8 * index) & 0xff); };
+    xpy.major_version = byte(3);
+    xpy.minor_version = byte(2);
+    xpy.micro_version = byte(1);
+}
+
+/// Reads the version words; without them binding goes on with what can be told otherwise.
 void learn_version() {
     if (read_version()) {
         return;
     }
     std::fputs("Unable to get version numbers\n", stderr);
+    read_version_constant();
     bind_function(Need::OPTIONAL, xpy.PyErr_Print, "PyErr_Print");
     if (xpy.PyErr_Print != nullptr && xpy.PyErr_Occurred() != nullptr) {
         xpy.PyErr_Print();
