@@ -35,7 +35,9 @@ int visit_all(std::span<PyObject*> fields, visitproc visit, void* arg) {
 }
 
 bool fill_builtin(PyObject* builtins, PyObject*& field, const char* name) {
-    field = Ref::share(xpy.PyDict_GetItemString(builtins, name)).release();
+    // Not by PyDict_GetItemString(), which hides that there was no memory to look the name up.
+    const Ref key = Ref::steal(xpy.PyUnicode_FromString(name));
+    field = key ? Ref::share(xpy.PyDict_GetItemWithError(builtins, key.get())).release() : nullptr;
     if (field == nullptr && xpy.PyErr_Occurred() == nullptr) {
         xpy.PyErr_Format(xpy.PyExc_NameError, "name '%s' is not defined", name);
     }
