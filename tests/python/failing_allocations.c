@@ -1,4 +1,5 @@
-/* Calls a Python callable while one chosen allocation of the calling thread fails, or all from that one on.
+/* Calls a Python callable while one chosen allocation of the calling thread fails, or all from that one on; or lets
+ * that happen from now on until the thread ends.
  *
  * Counted are the interpreter's allocations of objects and of memory blocks, through hooks that stand in front of
  * its own allocators, and, where this library is loaded before the C library, the allocations of native code. It is
@@ -23,11 +24,11 @@ enum { DOMAIN_MEM = 1, DOMAIN_OBJ = 2, DOMAINS = 3 };
 static struct allocator original[DOMAINS];
 
 /* Of the calling thread: how many allocations are still to succeed, whether those after the failed one succeed
- * again, and how many have failed. A thread that makes no call of ours is never failed. */
+ * again, and where those that fail are counted. A thread that makes no call of ours is never failed. */
 static __thread int is_armed;
 static __thread long left;
 static __thread int for_good;
-static __thread long failures;
+static __thread long* failures;
 
 static int is_to_fail(void) {
     if (!is_armed) {
@@ -35,7 +36,7 @@ static int is_to_fail(void) {
     }
     --left;
     if (left == 0 || (left < 0 && for_good)) {
-        ++failures;
+        ++*failures;
         return 1;
     }
     return 0;
@@ -76,21 +77,25 @@ int install(void) {
     return 0;
 }
 
-/* Calls `callable()`; allocation number `number` of it fails, and all later ones where `from_there_on` is set. How
- * many failed goes to `failed`. Returns what the callable returned. */
-void* call_failing(void* callable, long number, int from_there_on, long* failed) {
-    void* (*call)(void*, void*) = (void* (*)(void*, void*))dlsym(NULL, "PyObject_CallObject");
-    failures = 0;
+/* Lets allocation number `number` of the calling thread fail, and all later ones where `from_there_on` is set, until
+ * the thread ends. How many failed is counted in `failed`, which has to outlive the thread. */
+void fail_until_the_end(long number, int from_there_on, long* failed) {
+    *failed = 0;
+    failures = failed;
     left = number;
     for_good = from_there_on;
     is_armed = 1;
+}
+
+/* Calls `callable()` in the same state, which ends with the call. Returns what the callable returned. */
+void* call_failing(void* callable, long number, int from_there_on, long* failed) {
+    void* (*call)(void*, void*) = (void* (*)(void*, void*))dlsym(NULL, "PyObject_CallObject");
+    fail_until_the_end(number, from_there_on, failed);
     void* result = call(callable, NULL);
     is_armed = 0;
-    *failed = failures;
     return result;
 }
 
-#ifdef INTERPOSE
 extern void* __libc_calloc(size_t, size_t);
 
 /* What native code asks for. The C library's own calls do not come by here. */
@@ -101,4 +106,3 @@ void* calloc(size_t count, size_t size) {
     }
     return __libc_calloc(count, size);
 }
-#endif
