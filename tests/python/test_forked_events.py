@@ -212,6 +212,74 @@ class DirectCallTest(EventTestCase):
             stop.set()
             thread.join()
 
+    def assert_children_can_work(self, known):
+        """Forks while another thread is at work, and has the child and a child of that see to their events."""
+        starts = self.make_callback(xo.kPyStartEventId, second=lambda *args: "seen")
+
+        def look():
+            before = starts.Callback(known, 0)
+            xo.UpdateThisProcessPid()
+            lines = self.make_callback(xo.kPyLineEventId, second=lambda *args: "seen")
+            return [before, starts.Callback(make_code(SAMPLE), 0), lines.Callback(known, 3), lines.Callback(known, 4),
+                    list(CPerThread._fPerThreadDict) == [threading.get_ident()], CPerThread._fRegistryLock.locked()]
+
+        def look_twice():
+            return [look(), in_forked_child(look, self.watched_fork)]
+
+        expected = [None, "seen", "seen", None, True, False]
+        self.assertEqual(in_forked_child(look_twice, self.watched_fork), [expected, expected])
+
+    def test_a_fork_while_another_thread_is_inside_its_second_callback(self):
+        known, _ = self.known_code(3)
+        inside, may_go_on = threading.Event(), threading.Event()
+
+        def second(*_args):
+            inside.set()
+            return may_go_on.wait(time_limit(20))
+
+        callback = self.make_callback(xo.kPyLineEventId, second=second)
+        with Worker() as worker:
+            call = worker.begin(callback.Callback, known, 3)
+            self.assertTrue(inside.wait(time_limit(20)))
+            self.assert_children_can_work(known)
+            may_go_on.set()
+            self.assertIs(call.result(), True)
+
+    def test_a_fork_while_another_thread_is_held_inside_its_callback(self):
+        known, _ = self.known_code(3)
+        callback = self.make_callback(xo.kPyLineEventId)
+        callback.fAnySuspendThread = True
+        with Worker() as worker:
+            record = worker.call(CPerThread.GetPerThread)
+            record.fCheckSuspendLock = True
+            with record.fSuspendLock:
+                call = worker.begin(callback.Callback, known, 3)
+                self.assertFalse(call.is_done(0.05))
+                self.assert_children_can_work(known)
+            self.assertEqual(call.result(), "second")
+
+    def test_a_fork_while_another_thread_announces_a_record(self):
+        known, _ = self.known_code(3)
+        inside, may_go_on = threading.Event(), threading.Event()
+
+        def announce(_record):
+            if threading.get_ident() != main:
+                inside.set()
+                may_go_on.wait(time_limit(20))
+
+        main = threading.get_ident()
+        CPerThread.SetNewPerThreadCreatedCallback(announce)
+        CPerCodeObject.SetNewPerCodeObjectCreatedCallback(announce)
+        for job in (CPerThread.GetPerThread, lambda: CPerCodeObject.GetPerCodeObject(make_code(SAMPLE))):
+            inside.clear()
+            may_go_on.clear()
+            with Worker() as worker:
+                call = worker.begin(job)
+                self.assertTrue(inside.wait(time_limit(20)))
+                self.assert_children_can_work(known)
+                may_go_on.set()
+                self.assertIsNotNone(call.result())
+
     @unittest.skipIf(is_free_threaded(), "without a global lock, a fork may leave the mutex of any object, "
                      "that of a plain list included, locked in the child where other threads compete for it")
     def test_a_fork_amid_events_of_other_threads_leaves_the_child_able_to_work(self):
