@@ -20,8 +20,12 @@ namespace {
 using Data = InitialCallbackData;
 using ClassData = InitialCallbackClassData;
 
+void store_kind(Data& callback, EventKind kind) {
+    __atomic_store(&callback.kind, &kind, __ATOMIC_SEQ_CST);
+}
+
 void forget_kind(void* data) {
-    __atomic_store_n(&static_cast<Data*>(data)->kind, EventKind::Unsettled, __ATOMIC_SEQ_CST);
+    store_kind(*static_cast<Data*>(data), EventKind::Unsettled);
 }
 
 #define FIELD(name, type, flags, doc) \
@@ -149,11 +153,12 @@ Ref initialise(PyObject* self, const Argument* args) {
 /// Works out what the event is, unless that is known. An id that is assigned meanwhile, on another thread, comes first
 /// or unsettles the kind again.
 EventKind settle_kind(ModuleState& m, Data& callback) {
-    EventKind kind = __atomic_load_n(&callback.kind, __ATOMIC_RELAXED);
+    EventKind kind = EventKind::Unsettled;
+    __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
     if (kind == EventKind::Unsettled) {
         const Py_ssize_t event_id = __atomic_load_n(&callback._fEventId, __ATOMIC_SEQ_CST);
         kind = kind_of(m.globals, event_id);
-        __atomic_store_n(&callback.kind, kind, __ATOMIC_SEQ_CST);
+        store_kind(callback, kind);
         if (__atomic_load_n(&callback._fEventId, __ATOMIC_SEQ_CST) != event_id) {
             forget_kind(&callback);
         }
