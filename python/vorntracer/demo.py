@@ -15,7 +15,9 @@ Without a script, demo/reformat.py is run, with breakpoints in library code that
 
 import ast
 import collections
+import itertools
 import linecache
+import operator
 import os
 import reprlib
 import sys
@@ -42,6 +44,10 @@ class UsageError(Exception):
     """The command line asks for something that cannot be had; the text is for the person who wrote it."""
 
 
+class HelpWanted(Exception):
+    """The command line asks how the demo is used."""
+
+
 # The command line
 
 
@@ -65,7 +71,7 @@ def parse_command_line(words):
             else:
                 raise UsageError("--hits needs a number, not {!r}".format(value))
         elif word in ("-h", "--help") and script is None:
-            raise UsageError(__doc__)
+            raise HelpWanted
         elif word.startswith("-") and script is None:
             raise UsageError("there is no option {}".format(word))
         elif script is None:
@@ -101,12 +107,23 @@ def find_place(place):
     else:
         raise UsageError("there is no file {!r}, neither here nor along sys.path".format(file))
     if where.isdecimal():
+        number_of_lines = len(linecache.getlines(pathname))
+        if not 1 <= int(where) <= number_of_lines:
+            raise UsageError("there is no line {} in {}, which has {}".format(where, pathname, number_of_lines))
         return pathname, int(where)
-    with open(pathname, "rb") as source:
-        lineno = find_function(ast.parse(source.read(), pathname), where)
+    lineno = find_function(compile_file(pathname, ast.PyCF_ONLY_AST), where)
     if lineno is None:
         raise UsageError("there is no function {!r} in {}".format(where, pathname))
     return pathname, lineno
+
+
+def compile_file(pathname, flags=0):
+    """Return what the built-in `compile` makes of a source file."""
+    try:
+        with open(pathname, "rb") as source:
+            return compile(source.read(), pathname, "exec", flags, dont_inherit=True)
+    except (SyntaxError, ValueError) as error:
+        raise UsageError("".join(traceback.format_exception_only(error)).rstrip()) from None
 
 
 def find_function(node, name):
@@ -177,19 +194,22 @@ class CountingTracer(Tracer):
     def nanoseconds_per_skipped_event(self, code):
         """Measure the first stage, without the counting, for a code object of no interest: {event: ns}.
 
-        The events that are never skipped are left out. The entry None is for a callback that does nothing.
+        The events that are never skipped are left out. The entry None is for a callback that does nothing. The
+        second argument is what the interpreter gives as well, an offset or a line: without one, a LINE event is
+        none to be skipped quickly. The line is one that cannot have a breakpoint.
         """
         events = (xo.kPyStartEventId, xo.kPyResumeEventId, xo.kPyReturnEventId, xo.kPyYieldEventId,
                   xo.kPyLineEventId)
         callbacks = {event: self._initial_callbacks[event].Callback for event in events}
-        callbacks[None] = callable
+        callbacks[None] = operator.is_
         calls = 200_000
         nanoseconds = {}
         for event, callback in callbacks.items():
             times = []
             for _ in range(5):
+                loop = map(callback, itertools.repeat(code, calls), itertools.repeat(-1))
                 start = time.perf_counter_ns()
-                xo._bench_callback(callback, code, calls)
+                collections.deque(loop, maxlen=0)
                 times.append(time.perf_counter_ns() - start)
             nanoseconds[event] = min(times) / calls  # the least disturbed one
         return nanoseconds
@@ -287,10 +307,8 @@ class Show:
 # Running
 
 
-def run_script(script, arguments):
-    """Run a script as the main program; return its exit status and its code object."""
-    with open(script, "rb") as source:
-        code = compile(source.read(), script, "exec")
+def run_script(code, script, arguments):
+    """Run the code of a script as the main program; return its exit status."""
     main_module = types.ModuleType("__main__")
     main_module.__file__ = script
     main_module.__builtins__ = __builtins__
@@ -310,7 +328,7 @@ def run_script(script, arguments):
     for thread in threading.enumerate():
         if thread is not threading.current_thread() and not thread.daemon:
             thread.join()
-    return status or 0, code
+    return status or 0
 
 
 def main(words):
@@ -322,8 +340,12 @@ def main(words):
         if not os.path.isfile(script):
             raise UsageError("there is no script {!r}".format(script))
         script = os.path.abspath(script)
+        code = compile_file(script)
         sys.path[0] = os.path.dirname(script)
         found_places = [find_place(place) for place in places]
+    except HelpWanted:
+        print(__doc__.strip())
+        return 0
     except UsageError as error:
         print(error, file=sys.stderr)
         return 2
@@ -331,17 +353,21 @@ def main(words):
     show = Show(sys.stdout, hits)
     tracer = CountingTracer(show.on_stop, internal_files=[__file__])
     show.run(tracer)
+    breakpoints = {}
     for pathname, lineno in found_places:
-        tracer.set_breakpoint(pathname, lineno)
+        breakpoints[pathname, lineno] = tracer.set_breakpoint(pathname, lineno)
         show.print("Breakpoint in {}, line {}".format(pathname, lineno))
     show.print("Running {}".format(" ".join([script, *arguments])))
     show.print()
     tracer.start()
     try:
-        status, code = run_script(script, arguments)
+        status = run_script(code, script, arguments)
         counts, nanoseconds = tracer.counts(), tracer.nanoseconds_per_skipped_event(code)
     finally:
         tracer.stop()
+    for breakpoint in breakpoints.values():
+        if not breakpoint.hits:
+            show.print("Never reached: the breakpoint in {0.pathname}, line {0.lineno}".format(breakpoint))
     show.print_table(counts, nanoseconds)
     return status
 

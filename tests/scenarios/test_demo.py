@@ -179,6 +179,12 @@ class WithAScript(DemoCase):
         self.assertEqual(self.stops_in(output), [])
         self.assertIn("total", self.table_in(output))
 
+    def test_a_breakpoint_that_was_never_reached_is_named(self):
+        words = [self.script, "--break", f"{self.script}:greet", "--break", f"{self.script}:4"]
+        output = self.run_demo(*words, status=3).stdout
+        never_reached = re.findall(r"^Never reached: the breakpoint in (.+), line (\d+)$", output, re.MULTILINE)
+        self.assertEqual(never_reached, [(os.path.realpath(self.script), "4")])
+
     def test_an_exception_of_the_script_is_shown_and_the_table_comes_all_the_same(self):
         done = self.run_demo(self.script, "fail", status=1)
         self.assertIn("KeyError: 'on purpose'", done.stderr)
@@ -217,9 +223,20 @@ class WrongCommands(DemoCase):
                             self.script, "--break", f"{self.script}:missing")
         self.assert_refused("there is no function 'greet.missing'",
                             self.script, "--break", f"{self.script}:greet.missing")
+        for lineno in (0, 999):
+            self.assert_refused(f"there is no line {lineno} in {self.script}, which has ",
+                                self.script, "--break", f"{self.script}:{lineno}")
+
+    def test_a_file_that_is_no_python_is_told_with_its_line(self):
+        broken = self.write_file(self.folder, "broken.py", text="def greet(:\n    pass\n")
+        alone = self.write_file(self.folder, "alone.py", text="return\n")
+        for file, *words in ([broken], [alone], [broken, self.script, "--break", f"{broken}:greet"]):
+            done = self.run_demo(*(words or [file]), status=2)
+            self.assertIn(f'File "{file}", line 1', done.stderr)
+            self.assertNotIn("Traceback", done.stderr)
 
     def test_help_tells_how_it_is_used(self):
-        self.assert_refused("--break FILE:WHERE", "--help")
+        self.assertIn("--break FILE:WHERE", self.run_demo("--help").stdout)
 
 
 if __name__ == "__main__":
