@@ -130,13 +130,14 @@ def find_interpreters(wrapper_folder):
     return json.loads(subprocess.check_output([sys.executable, str(tool), str(wrapper_folder)]))
 
 
-def header_folder(interpreter):
-    """The folder of an interpreter's Python.h."""
-    code = "import sysconfig; print(sysconfig.get_paths()['include'])"
-    folder = pathlib.Path(subprocess.check_output([interpreter["command"], "-c", code], text=True).strip())
+def header_folders(interpreter):
+    """The folders of an interpreter's Python.h and of its pyconfig.h, which one that was not installed keeps apart."""
+    code = r"import sysconfig as s; print(s.get_paths()['include'] + '\n' + s.get_config_h_filename())"
+    output = subprocess.check_output([interpreter["command"], "-c", code], text=True)
+    folder, config = map(pathlib.Path, output.splitlines())
     if not (folder / "Python.h").is_file():
         raise Failure("its headers are not installed")
-    return folder
+    return folder, config.parent
 
 
 def member_candidates(table, row):
@@ -146,10 +147,11 @@ def member_candidates(table, row):
     return [row, "_" + row, row.lstrip("_")]
 
 
-def compile_probe(folder, source, defines, work):
+def compile_probe(folders, source, defines, work):
     """Compile and run a program against the headers; its output, or the members that it found missing."""
     (work / "probe.c").write_text(source)
-    includes = [folder, folder / "internal", folder.parent]
+    folder, config_folder = folders
+    includes = [folder, folder / "internal", folder.parent, config_folder]
     command = ["gcc", "-w", "-o", str(work / "probe"), str(work / "probe.c"), "-DPy_BUILD_CORE", *defines]
     command += ["-I{}".format(path) for path in includes]
     result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
@@ -157,17 +159,18 @@ def compile_probe(folder, source, defines, work):
         return subprocess.check_output([str(work / "probe")], text=True), ()
     missing = set(re.findall(r"has no member named [‘']([\w]+)[’']", result.stderr))
     if not missing:
-        raise Failure(result.stderr.strip().splitlines()[0])
+        lines = result.stderr.strip().splitlines()
+        raise Failure(next((line for line in lines if "error: " in line), lines[0]))
     return None, missing
 
 
-def read_header(folder, probe, rows, defines):
+def read_header(folders, probe, rows, defines):
     """Offset and size of each row's member in the header's structure, and the size of the object header."""
     candidates = {row: member_candidates(probe.table, row) for row in rows if not row.startswith("<")}
     with tempfile.TemporaryDirectory() as work:
         while True:
             source = probe_source(probe, {row: names[0] for row, names in candidates.items() if names})
-            output, missing = compile_probe(folder, source, defines, pathlib.Path(work))
+            output, missing = compile_probe(folders, source, defines, pathlib.Path(work))
             if output is not None:
                 break
             for names in candidates.values():
@@ -233,7 +236,7 @@ def compare(tables, probe, found, shift):
 
 def probe_interpreter(tables, interpreter, all_rows):
     """Print what there is to say about one interpreter. Returns the number of unknown differences."""
-    folder = header_folder(interpreter)
+    folders = header_folders(interpreter)
     unknown = 0
     for name, defines, free_threaded in variants(interpreter):
         rows_compared = 0
@@ -242,7 +245,7 @@ def probe_interpreter(tables, interpreter, all_rows):
             if not applies(probe, interpreter["version"], free_threaded):
                 continue
             row_names = [row for row, _ in tables[probe.table]]
-            found = read_header(folder, probe, row_names, defines)
+            found = read_header(folders, probe, row_names, defines)
             shift = 2 * WORD if "-DPy_TRACE_REFS=1" in defines else 0
             for row, text, same in compare(tables, probe, found, shift):
                 rows_compared += 1
