@@ -14,16 +14,21 @@ nothing to do. Only where a breakpoint, a step or an awaited return may need it 
 the `_on_...` methods below.
 
 What is switched on. PY_START and PY_RESUME are on everywhere, because they are how new code objects are met.
-The first stage answers None to them, so they stay on and cost a few dozen nanoseconds each; a breakpoint that
-is set later therefore needs no event to be brought back. Lines, returns and yields are on only in the code
-objects that need them (`_switch_events`), and DISABLE is answered in one place alone: in code of the debugger
-itself. A location that was disabled there is brought back when a tracer starts, since which files are
-internal may change then.
+Lines, returns and yields are on only in the code objects that need them (`_switch_events`).
+
+What is switched off again. While the tracer is calm, which is to say that no thread is held and none steps into
+whatever it meets, each place is seen once: the breakpoints of its code object are left unknown to the first stage,
+so the event comes to the second, and that answers DISABLE unless a breakpoint or a step needs the place. A program
+whose breakpoints are not hit therefore runs at its own speed, also in the function that has them. Whatever makes
+a place interesting that was not (`_rouse`) brings all events back with `restart_events`, and each place is seen
+once more. While the tracer is not calm, nothing may be switched off; then the first stage is told the breakpoints
+and skips what has none, and afterwards it is made to forget them again (`_calm_down`).
 
 Where the state lives. In the native module's own records, since that is where the first stage looks:
 
     CPerFile.fBpSetByLineno                     line number -> Breakpoint, for all breakpoints of a file
-    CPerCodeObject.fEnabledBpLinenos            those of these line numbers that lie in the code object
+    CPerCodeObject.fEnabledBpLinenos            those of these line numbers that lie in the code object; None
+                                                while the tracer is calm, and in a record that is not situated
     CPerCodeObject.fSteppingEventsNeededCount   how many threads step through the code object
     CPerCodeObject.fReturnEventsNeededCount     how many threads await the return of a frame that runs it
     CPerThread.fSteppingCodeObjects             the records of the code objects that the thread steps through
@@ -57,6 +62,7 @@ _RESUME = xo.kPyResumeEventId
 _RETURN = xo.kPyReturnEventId
 _YIELD = xo.kPyYieldEventId
 _LINE = xo.kPyLineEventId
+_DISABLE = _monitoring.DISABLE
 _THROW = _monitoring.events.PY_THROW
 _UNWIND = _monitoring.events.PY_UNWIND
 
@@ -156,6 +162,10 @@ class Tracer:
         self._lock = _QuietLock()
         self._turn = threading.Lock()  # held by the thread whose stop is being handled
         self._is_running = False
+        # Another object after each change that may make a place interesting; None while the tracer is not calm.
+        # A second stage takes it first, and answers DISABLE only if it is the same at the end.
+        self._calm = None
+        self._told = []  # records of which the first stage was told the breakpoints, while not calm
         self._initial_callbacks = {}  # event -> its CInitialCallback
         self._first_stages = {}  # event -> the callable that the interpreter is given
         self._steps = {}  # thread -> (its fSteppingCodeObjects, the record whose return it awaits)
@@ -164,7 +174,7 @@ class Tracer:
 
         self._add_event(_START, self._on_enter)
         self._add_event(_RESUME, self._on_enter)
-        self._add_event(_THROW, self._on_enter, can_return_disable=False)
+        self._add_event(_THROW, self._on_throw, can_return_disable=False)
         self._add_event(_LINE, self._on_line)
         self._add_event(_RETURN, self._on_return)
         self._add_event(_YIELD, self._on_yield)
@@ -207,9 +217,10 @@ class Tracer:
 
         for event, first_stage in self._first_stages.items():
             _monitoring.register_callback(self.tool_id, event, first_stage)
+        self._calm = object()
         self._meet_running_code()
         self._switch_global_events()
-        _monitoring.restart_events()
+        self._rouse()
 
     def stop(self):
         """Let every thread run on, and receive no more events. Does nothing when not started."""
@@ -238,6 +249,8 @@ class Tracer:
                     record.fEnabledBpLinenos = None
                     self._switch_events(record, None)
 
+            self._told.clear()
+            self._calm = None
             self._is_running = False
             _running_tracer = None
             _monitoring.free_tool_id(self.tool_id)
@@ -326,20 +339,28 @@ class Tracer:
         if self._is_running:
             for record in list(per_file.fKnownPerCodeObjects):
                 self._find_breakpoints(record)
+            self._rouse()
+
+    def _breakpoint_linenos(self, record):
+        """Return the line numbers of a code object that have breakpoints, as a new set."""
+        code = record.fCodeObjectWeakRef()
+        per_file = xo.CPerFile.GetPerFile(record.fCanonicalPathname, False)
+        if code is None or per_file is None or not per_file.fBpSetByLineno or record.fIsInternal:
+            return set()
+        breakpoints = per_file.fBpSetByLineno
+        return {line for _, _, line in code.co_lines() if line in breakpoints}
 
     def _find_breakpoints(self, record):
         """Work out which of its file's breakpoints lie in a code object, and switch its line events."""
-        code = record.fCodeObjectWeakRef()
-        if code is None:
-            return
-        breakpoints = xo.CPerFile.GetPerFile(record.fCanonicalPathname).fBpSetByLineno
-        # A new set each time: the first stage may be looking at the old one on another thread.
-        enabled_linenos = set()
-        if breakpoints and not record.fIsInternal:
-            enabled_linenos.update(line for _, _, line in code.co_lines() if line in breakpoints)
-        # The set is published last: a thread that sees it takes the events to be on, and runs on.
-        self._switch_events(record, enabled_linenos)
-        record.fEnabledBpLinenos = enabled_linenos
+        linenos = self._breakpoint_linenos(record)
+        # The set is published last: a thread that sees it takes the events to be on, and runs on. It is a new
+        # one each time: the first stage may be looking at the old one on another thread.
+        self._switch_events(record, linenos)
+        if self._calm is not None:
+            record.fEnabledBpLinenos = None
+        else:
+            record.fEnabledBpLinenos = linenos
+            self._told.append(record)
 
     def _breakpoint_at(self, record, lineno):
         """Return the breakpoint on a line of a code object, or None.
@@ -347,21 +368,41 @@ class Tracer:
         Another thread may be changing breakpoints, or stopping or resetting the tracer: what is missing then
         is that the line has none.
         """
-        enabled_linenos = record.fEnabledBpLinenos
-        if enabled_linenos is None or lineno not in enabled_linenos:
-            return None
         per_file = xo.CPerFile.GetPerFile(record.fCanonicalPathname, False)
         return None if per_file is None else per_file.fBpSetByLineno.get(lineno)
 
     # Which events are on
 
-    def _switch_events(self, record, enabled_linenos):
+    def _rouse(self):
+        """Bring back what was switched off for want of interest, after a change that may have made it interesting.
+
+        An event that is just being handled on another thread cannot switch its place off any more. Between the
+        comparison of `_calm` and the interpreter's taking the DISABLE no other thread runs or, without a global
+        lock, `restart_events` waits for it to pass.
+        """
+        if self._is_running:
+            is_calm = self._holder_id is None and not self._threads_stepping_into()
+            if is_calm:
+                self._calm_down()
+            self._calm = object() if is_calm else None
+            _monitoring.restart_events()
+
+    def _calm_down(self):
+        """Let each place be seen once more, even where the first stage was told the breakpoints."""
+        while self._told:
+            self._told.pop().fEnabledBpLinenos = None
+
+    def _threads_stepping_into(self):
+        """Return the threads that step into whatever they meet."""
+        return [thread for thread in self._steps if thread.fStopAtNextLine]
+
+    def _switch_events(self, record, breakpoint_linenos):
         """Switch on the line, return and yield events that a code object needs, and no others."""
         code = record.fCodeObjectWeakRef()
         if code is None:
             return
         events = 0
-        if enabled_linenos or record.fSteppingEventsNeededCount:
+        if breakpoint_linenos or record.fSteppingEventsNeededCount:
             events |= _LINE
         if record.fReturnEventsNeededCount or record.fSteppingEventsNeededCount:
             events |= _RETURN | _YIELD
@@ -403,8 +444,9 @@ class Tracer:
     def _situate(self, frame):
         """Return the record of a frame's code object, with its breakpoints known while the tracer is running.
 
-        They are not known in a record that another thread is still announcing, and in one that is left from
-        an earlier tracer. The latter may be filed nowhere, after a reset.
+        They may not be known in a record that another thread is still announcing, and in one that is left from
+        an earlier tracer. The latter may be filed nowhere, after a reset. While the tracer is calm, all records
+        look like that, and each is situated anew when its code is next met.
         """
         record = xo.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
         if record.fEnabledBpLinenos is None:
@@ -416,22 +458,36 @@ class Tracer:
 
     # The second stage
 
-    def _on_enter(self, code, offset, exception=None):
-        """A frame starts, or a generator's frame goes on: PY_START, PY_RESUME, PY_THROW."""
+    def _on_enter(self, code, offset):
+        """A frame starts, or a generator's frame goes on: PY_START, PY_RESUME."""
+        calm = self._calm
         record = self._situate(xo.GetNonInternalFrame())
         thread = xo.CPerThread.GetPerThread()
         if thread.fStopAtNextLine:
             self._step_through(thread, record)
+        if self._breakpoint_at(record, code.co_firstlineno) is not None:
+            # From 3.13 on, a body that begins in the first line of its code object, as that of a lambda or a
+            # generator expression does, has an event there only while its start has one, too.
+            return None
+        return _DISABLE if calm is not None and calm is self._calm else None
+
+    def _on_throw(self, code, offset, exception):
+        """A generator's frame goes on with an exception: PY_THROW, which cannot be switched off in one place."""
+        self._on_enter(code, offset)
 
     def _on_line(self, code, lineno):
+        calm = self._calm
         frame = xo.GetNonInternalFrame()
-        record = self._situate(frame)
+        record = xo.CPerCodeObject.GetPerCodeObject(code, True, frame)
         thread = xo.CPerThread.GetPerThread()
         breakpoint = self._breakpoint_at(record, lineno)
         if breakpoint is not None and (breakpoint.condition is None or breakpoint.condition(frame)):
             self._stop(Stop(thread, frame, Reason.BREAKPOINT, lineno, breakpoint=breakpoint))
         elif thread.fStopAtNextLine or frame is thread.fStopFrame:
             self._stop(Stop(thread, frame, Reason.STEP, lineno))
+        elif breakpoint is None and calm is not None and not record.fSteppingEventsNeededCount:
+            return _DISABLE if calm is self._calm else None
+        return None
 
     def _on_return(self, code, offset, value):
         self._on_leave(Reason.RETURN, value)
@@ -497,14 +553,18 @@ class Tracer:
             thread.fReturnFrame = frame
             record = self._situate(frame)
             self._replace_step(thread, {record} if is_into or is_stop_frame else set(), record)
+            self._rouse()
 
     def _end_step(self, thread):
         """The thread steps no more and awaits no frame."""
+        was_stepping_into = thread.fStopAtNextLine
         thread.fSteppingEventsNeeded = False
         thread.fStopAtNextLine = False
         thread.fStopFrame = None
         thread.fReturnFrame = None
         self._replace_step(thread, set(), None)
+        if was_stepping_into:
+            self._rouse()
 
     def _step_through(self, thread, record):
         """Let a thread that steps into whatever it meets step through one more code object."""
@@ -513,7 +573,7 @@ class Tracer:
             if thread.fStopAtNextLine and record not in thread.fSteppingCodeObjects:
                 thread.fSteppingCodeObjects.add(record)
                 record.fSteppingEventsNeededCount += 1
-                self._switch_events(record, record.fEnabledBpLinenos)
+                self._switch_events(record, self._breakpoint_linenos(record))
 
     def _replace_step(self, thread, stepping, awaited):
         """Move the counts from a thread's old step to its new one.
@@ -536,7 +596,7 @@ class Tracer:
                 old_awaited.fReturnEventsNeededCount -= 1
                 changed.add(old_awaited)
         for record in changed:
-            self._switch_events(record, record.fEnabledBpLinenos)
+            self._switch_events(record, self._breakpoint_linenos(record))
         thread.fSteppingCodeObjects = stepping
         if awaited is not None:
             self._steps[thread] = (stepping, awaited)
@@ -562,10 +622,12 @@ class Tracer:
             for initial_callback in self._initial_callbacks.values():
                 initial_callback.fAnySuspendThread = True
             self._switch_global_events()
+            self._rouse()
 
     def release_others(self):
         """Let all held threads go on. Does nothing when none is held."""
         with self._lock:
+            was_holding = self._holder_id is not None
             self._holder_id = None
             for initial_callback in self._initial_callbacks.values():
                 initial_callback.fAnySuspendThread = False
@@ -574,6 +636,8 @@ class Tracer:
                 thread.fCheckSuspendLock = False
                 suspend_lock.release()
             self._switch_global_events()
+            if was_holding:
+                self._rouse()
 
     def _hold(self, thread):
         """Have the first stage block a thread: it passes through the lock that we take here.

@@ -127,11 +127,11 @@ class WithoutAScript(DemoCase):
             self.assertEqual(seen, none + disable + second_stage, name)
         columns = list(zip(*[row for name, row in table.items() if name != "total"]))
         self.assertEqual([sum(column) for column in columns], table["total"])
-        self.assertGreater(table["PY_START"][1], 1000)
         self.assertGreater(table["LINE"][3], 5)
         self.assertGreater(table["total"][2], 0)
-        # What needs no attention goes no further: that is what the first stage is for.
-        self.assertLess(table["total"][3] * 20, table["total"][0])
+        # The script makes some hundred thousand calls. A place of no interest is seen once after each stop.
+        self.assertGreater(table["PY_START"][0], 50)
+        self.assertLess(table["PY_START"][0], 2000)
 
     def test_the_table_has_the_cost_of_a_skipped_event(self):
         costs = re.findall(r"^(?:PY_START|LINE) .* (\d+\.\d)$", self.output, re.MULTILINE)

@@ -265,15 +265,64 @@ class WhatIsSwitchedOff(BreakpointCase):
         self.assertEqual(sys.monitoring.get_events(Tracer.tool_id),
                          sys.monitoring.events.PY_START | sys.monitoring.events.PY_RESUME)
 
-    def test_the_breakpoints_in_a_code_object_are_known_as_soon_as_it_is_met(self):
+    def test_line_events_are_on_in_code_with_breakpoints_as_soon_as_it_is_met(self):
         self.tracer.start()
         self.set_breakpoint("add")
-        self.set_breakpoint("end")
         self.set_breakpoint("untouched")
         self.program.load()
         record = xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
-        self.assertEqual(record.fEnabledBpLinenos, {self.program.line("add"), self.program.line("end")})
         self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
+        self.assertIsNone(record.fEnabledBpLinenos)  # so that each of its lines is seen, once
+
+    def test_the_first_stage_is_told_the_breakpoints_while_nothing_may_be_switched_off(self):
+        self.tracer.start()
+        self.set_breakpoint("add")
+        self.set_breakpoint("end")
+        self.tracer.hold_others()
+        self.program.load()
+        record = xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
+        self.assertEqual(record.fEnabledBpLinenos, {self.program.line("add"), self.program.line("end")})
+        self.tracer.release_others()
+        self.assertIsNone(record.fEnabledBpLinenos)
+
+    def seen_by_the_second_stage(self, function, *arguments):
+        """How many LINE and PY_START events of a function come to the tracer's own callbacks while it runs."""
+        seen = {"LINE": 0, "PY_START": 0}
+        for name, method in (("LINE", "_on_line"), ("PY_START", "_on_enter")):
+            callback = self.tracer._initial_callbacks[getattr(sys.monitoring.events, name)]
+            bound = getattr(self.tracer, method)
+
+            def count(*args, name=name, bound=bound):
+                seen[name] += args[0] is function.__code__
+                return bound(*args)
+
+            counting = xo.CInitialCallback(callback._fEventId, count, True)
+            sys.monitoring.register_callback(Tracer.tool_id, callback._fEventId, counting.Callback)
+        function(*arguments)
+        return seen
+
+    def test_a_place_of_no_interest_is_seen_once(self):
+        self.tracer.start()
+        breakpoint = self.set_breakpoint("end", lambda frame: False)
+        total = self.program.load().total
+        total([1, 2])
+        self.assertEqual(self.seen_by_the_second_stage(total, [1, 2]), {"LINE": 1, "PY_START": 0})
+        self.assertEqual(self.seen_by_the_second_stage(total, [1] * 100), {"LINE": 1, "PY_START": 0})
+        self.assertEqual(breakpoint.hits, 0)
+
+    def test_a_place_that_was_switched_off_comes_back_with_a_breakpoint(self):
+        self.tracer.start()
+        self.set_breakpoint("end", lambda frame: False)
+        total = self.program.load().total
+        for _ in range(2):
+            total([1, 2])
+        self.assertEqual(self.stopped_lines(), [])
+        breakpoint = self.set_breakpoint("add")
+        total([1, 2])
+        self.assertEqual(self.stopped_lines(), ["add", "add"])
+        self.tracer.clear_breakpoint(breakpoint)
+        total([1, 2])
+        self.assertEqual(self.stopped_lines(), [])
 
     def test_line_events_are_on_before_another_thread_can_see_that_there_are_breakpoints(self):
         self.tracer.start()
