@@ -24,7 +24,16 @@ set(XOPT_MODULE_COMPILE_OPTIONS
     -fno-threadsafe-statics
     -fno-semantic-interposition)
 
-if(XOPT_SANITIZE)
+if(NOT XOPT_SANITIZE)
+  # Nothing to add
+elseif(XOPT_SANITIZE STREQUAL thread)
+  # The run-time library is the interpreter's own, or the test program's; there can be one only in a process.
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL Clang)
+    message(FATAL_ERROR "The thread sanitizer needs clang, as the interpreters have that are built with it.")
+  endif()
+  target_compile_options(xoptmonitoring_build_flags INTERFACE -fsanitize=thread -fno-omit-frame-pointer)
+  target_link_options(xoptmonitoring_build_flags INTERFACE -fsanitize=thread)
+elseif(XOPT_SANITIZE STREQUAL address)
   # vptr checking needs type information, which the module does not have.
   target_compile_options(
     xoptmonitoring_build_flags
@@ -51,6 +60,8 @@ if(XOPT_SANITIZE)
   endif()
   cmake_path(GET XOPT_SANITIZER_RUNTIME PARENT_PATH sanitizer_folder)
   set(CMAKE_BUILD_RPATH ${sanitizer_folder})
+else()
+  message(FATAL_ERROR "XOPT_SANITIZE is OFF, address or thread, not ${XOPT_SANITIZE}.")
 endif()
 
 # Link-time optimisation lets the road of an event be inlined across files. Only optimised builds have it, and
@@ -87,7 +98,7 @@ function(xopt_link_to_libc_only target)
   target_link_libraries(${target} PRIVATE c gcc)
   if(NOT XOPT_SANITIZE)
     target_link_options(${target} PRIVATE LINKER:-z,defs)
-  elseif(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  elseif(XOPT_SANITIZE STREQUAL address AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
     target_link_options(${target} PRIVATE LINKER:--push-state,--no-as-needed -lasan -lubsan
                                           LINKER:--pop-state)
   endif()

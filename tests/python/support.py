@@ -43,8 +43,9 @@ def is_free_threaded():
 
 
 def is_sanitized():
-    """Tells whether this process runs under the address sanitizer: slower, with an allocator of its own."""
-    return "libasan" in os.environ.get("LD_PRELOAD", "")
+    """Tells whether this process runs under a sanitizer: slower, with an allocator of its own."""
+    configuration = sysconfig.get_config_var("CONFIG_ARGS") or ""
+    return "libasan" in os.environ.get("LD_PRELOAD", "") or "-sanitizer" in configuration
 
 
 def time_limit(seconds):

@@ -35,6 +35,10 @@ SUITE = "forky"
 DEBIAN_PACKAGE = re.compile(r"python3\.\d+(-dbg)?$")
 OLDEST_DEBIAN_PYTHON = (3, 13)
 
+#: What an interpreter keeps until its end is no leak, and its own races are not looked for here; both would have it
+#: end with a status that says that it failed.
+QUIET_SANITIZERS = {"ASAN_OPTIONS": "detect_leaks=0", "TSAN_OPTIONS": "report_bugs=0"}
+
 TSAN_COMPILER = {"CC": "clang", "CXX": "clang++"}
 
 
@@ -92,11 +96,11 @@ def run(command, log, **options):
         raise Unavailable("{} failed; see {}".format(command[0], log))
 
 
-def output_of(command):
+def output_of(command, **options):
     """The standard output of a command; empty when there is no such command or it fails."""
     try:
         result = subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, **options)
     except OSError:
         return ""
     return result.stdout if result.returncode == 0 else ""
@@ -202,7 +206,8 @@ def write_starter(path, lines):
 
 def works(starter):
     """Whether an interpreter starts and has what the module imports; returns its version, else None."""
-    return output_of([starter, "-c", "import ctypes, sys, threading; print(sys.version.split()[0])"]).strip()
+    program = "import ctypes, sys, threading; print(sys.version.split()[0])"
+    return output_of([starter, "-c", program], env=dict(os.environ, **QUIET_SANITIZERS)).strip()
 
 
 class Interpreters:
@@ -312,10 +317,7 @@ class Interpreters:
         environment.update(build.settings)
         if build.sanitizer:
             environment["LDFLAGS"] = "-fsanitize=" + build.sanitizer  # configure adds it to compilations only
-        if build.sanitizer == "address":
-            environment["ASAN_OPTIONS"] = "detect_leaks=0"  # what it keeps until its end is no leak
-        if build.sanitizer == "thread":
-            environment["TSAN_OPTIONS"] = "report_bugs=0"  # its own races are not looked for here
+            environment.update(QUIET_SANITIZERS)
         left_out = ["py_cv_module_{}=n/a".format(name) for name in MODULES_LEFT_OUT]
         run([source / "configure", *build.options, "--without-ensurepip", "--with-readline=no", *left_out], log,
             cwd=folder, env=environment)

@@ -1,20 +1,29 @@
 """Print, as JSON, every CPython on this machine that the tests can run under, oldest first.
 
-usage: find_interpreters.py [WRAPPER_FOLDER]
+usage: find_interpreters.py [--sanitizer address|thread] [WRAPPER_FOLDER ...]
 
 Looked through, in this order: the versions that pyenv installed, `python2.7`, `python3.X`, `python3.Xt`
-and `python3.X-dbg` on the PATH, and everything executable in WRAPPER_FOLDER. An interpreter that can be
-reached by several ways is listed once, by the first. Each entry has:
+and `python3.X-dbg` on the PATH, and everything executable in each WRAPPER_FOLDER. An interpreter that can be
+reached by several ways is listed once, by the first.
 
-    label          short and unique: "3.12.1", "3.13.5t" (free-threaded), "3.14.0d" (debug)
+An interpreter that was itself built with a sanitizer is listed only where that sanitizer is asked for. The run-time
+library of the address sanitizer can be put before any other interpreter as well; that of the thread sanitizer
+cannot, so with it none but its own are listed.
+
+Each entry has:
+
+    label          short and unique: "3.12.1", "3.13.5t" (free-threaded), "3.14.0d" (debug), "3.14.0dr" (debug, and
+                   traces references), "3.13.5t-thread" (with that sanitizer)
     command        path to start it with
     executable     what it calls itself
     version        [major, minor, micro]
     free_threaded  whether it runs without a global lock
     debug          whether it is a debug build
+    sanitizer      the sanitizer that it was built with: "address", "thread" or null
     supported      whether it has sys.monitoring, which the module needs
 """
 
+import argparse
 import json
 import os
 import pathlib
@@ -35,6 +44,8 @@ print(json.dumps({
     "abiflags": getattr(sys, "abiflags", ""),
     "free_threaded": bool(sysconfig.get_config_var("Py_GIL_DISABLED")),
     "debug": hasattr(sys, "gettotalrefcount"),
+    "traces_references": hasattr(sys, "getobjects"),
+    "configuration": sysconfig.get_config_var("CONFIG_ARGS") or "",
 }))
 """
 
@@ -63,9 +74,11 @@ def wrapper_candidates(folder):
 
 def examine(command):
     """What the interpreter started by `command` says about itself; None if it is none."""
+    # What a sanitizer finds in the interpreter is not asked here, and would change the exit status.
+    environment = dict(os.environ, ASAN_OPTIONS="detect_leaks=0", TSAN_OPTIONS="report_bugs=0")
     try:
         result = subprocess.run(
-            [str(command), "-c", PROBE],
+            [str(command), "-c", PROBE], env=environment,
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, timeout=60,
         )
         return json.loads(result.stdout) if result.returncode == 0 else None
@@ -73,13 +86,21 @@ def examine(command):
         return None
 
 
+def sanitizer_of(answer):
+    """The sanitizer that an interpreter was configured with, or None."""
+    named = re.search(r"--with-(address|thread)-sanitizer", answer["configuration"])
+    return named.group(1) if named else None
+
+
 def make_label(answer):
-    """The short name: version, what kind of pre-release it is, and one letter for each unusual trait."""
+    """The short name: version, what kind of pre-release it is, one letter for each unusual trait, its sanitizer."""
     major, minor, micro, level, serial = answer["version"]
     label = "{}.{}.{}".format(major, minor, micro)
     if level != "final":
         label += {"alpha": "a", "beta": "b", "candidate": "rc"}[level] + str(serial)
-    return label + "t" * answer["free_threaded"] + "d" * answer["debug"]
+    label += "t" * answer["free_threaded"] + "d" * answer["debug"] + "r" * answer["traces_references"]
+    sanitizer = sanitizer_of(answer)
+    return label + "-" + sanitizer if sanitizer else label
 
 
 def make_unique(label, taken):
@@ -101,17 +122,20 @@ def describe(command, answer):
         "version": version,
         "free_threaded": answer["free_threaded"],
         "debug": answer["debug"],
+        "sanitizer": sanitizer_of(answer),
         "supported": tuple(version) >= OLDEST_SUPPORTED,
     }
 
 
-def find_interpreters(wrapper_folder=None):
+def find_interpreters(wrapper_folders=(), sanitizer=None):
     """All entries, sorted by version."""
+    wanted_sanitizers = {None: (None,), "address": (None, "address"), "thread": ("thread",)}[sanitizer]
     found = {}
 
     def consider(command, answer, start_with):
         identity = (os.path.realpath(answer["executable"]), tuple(answer["version"]), answer["abiflags"])
-        if answer["implementation"] == "CPython" and identity not in found:
+        is_wanted = answer["implementation"] == "CPython" and sanitizer_of(answer) in wanted_sanitizers
+        if is_wanted and identity not in found:
             found[identity] = (answer, describe(start_with, answer))
 
     for command in [*pyenv_candidates(), *path_candidates()]:
@@ -119,7 +143,7 @@ def find_interpreters(wrapper_folder=None):
         # A launcher that starts no interpreter here (one that pyenv has not activated, say) is none.
         if answer is not None and answer["executable"]:
             consider(command, answer, answer["executable"])
-    if wrapper_folder is not None:
+    for wrapper_folder in wrapper_folders:
         for command in wrapper_candidates(wrapper_folder):
             answer = examine(command)
             if answer is None:
@@ -136,8 +160,11 @@ def find_interpreters(wrapper_folder=None):
 
 
 def main(arguments):
-    wrapper_folder = pathlib.Path(arguments[0]) if arguments else None
-    json.dump(find_interpreters(wrapper_folder), sys.stdout, indent=2)
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--sanitizer", choices=("address", "thread"))
+    parser.add_argument("wrapper_folders", nargs="*", type=pathlib.Path, metavar="WRAPPER_FOLDER")
+    chosen = parser.parse_args(arguments)
+    json.dump(find_interpreters(chosen.wrapper_folders, chosen.sanitizer), sys.stdout, indent=2)
     print()
 
 

@@ -56,13 +56,21 @@ inline Ref peek_slot(PyObject* owner, PyObject* const& slot) {
     return Ref::share(slot);
 }
 
+/// Puts `value` into `slot` and returns what was there; the caller holds the owner's lock. One whole word is written,
+/// because some readers only look which object is there, and take no lock for that.
+inline PyObject* exchange_slot_locked(PyObject*& slot, PyObject* value) {
+    PyObject* old = slot;
+    __atomic_store_n(&slot, value, __ATOMIC_RELAXED);
+    return old;
+}
+
 /// Replaces what `slot` of `owner` holds; the old value is dropped after the lock.
 inline void put_slot(PyObject* owner, PyObject*& slot, Ref value) {
     PyObject* fresh = value.release();
     PyObject* old = nullptr;
     {
         const ObjectLock lock(owner);
-        old = std::exchange(slot, fresh);
+        old = exchange_slot_locked(slot, fresh);
     }
     const Ref dropped = Ref::steal(old);
 }

@@ -42,7 +42,7 @@ Ref resolve_text(PyObject* s) {
 }
 
 Ref print_line(ModuleState& m, PyObject* /*self*/, const Argument* args) {
-    if (m.globals._gDPrintfFile == nullptr) {
+    if (global_is_unset(m.globals._gDPrintfFile)) {
         raise_unset();
         return {};
     }

@@ -85,7 +85,12 @@ inline std::int64_t load_global(const std::int64_t& slot) {
     return __atomic_load_n(&slot, __ATOMIC_RELAXED);
 }
 
-/// Whether an object global holds None (or nothing): a test that needs no reference and so no lock.
+/// Whether an object global holds nothing: a test that needs no reference and so no lock.
+inline bool global_is_unset(PyObject* const& slot) {
+    return __atomic_load_n(&slot, __ATOMIC_RELAXED) == nullptr;
+}
+
+/// Whether an object global holds None or nothing, without the lock as well.
 inline bool global_is_none(PyObject* const& slot) {
     PyObject* value = __atomic_load_n(&slot, __ATOMIC_RELAXED);
     return value == none() || value == nullptr;
