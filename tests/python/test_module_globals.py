@@ -299,6 +299,32 @@ class Teardown(XoTestCase):
                     raise AssertionError(name)
         """)
 
+    def test_finalising_it_from_inside_its_own_callbacks_ends_in_an_exception(self):
+        for owner, setter, use in (
+            ("CPerFile", "SetNewPerFileCreatedCallback", "xo.CPerFile.GetPerFile('/srv/a.py')"),
+            ("CPerCodeObject", "SetNewPerCodeObjectCreatedCallback", "xo.CPerCodeObject.GetPerCodeObject(code)"),
+            ("CPerCodeObject", "SetNewPerCodeObjectCreatedCallback", "bound(code, 1)"),
+            ("CPerThread", "SetNewPerThreadCreatedCallback", "xo.CPerThread.GetPerThread()"),
+            ("CPerThread", "SetNewPerThreadCreatedCallback", "bound(code, 1)"),
+        ):
+            with self.subTest(use):
+                run_python(f"""
+                    import gc
+                    from vorntracer import xoptmonitoring as xo
+                    code = compile("line = 1", "/srv/a.py", "exec")
+                    bound = xo.CInitialCallback(xo.kPyStartEventId, print, True).Callback
+                    finalised = []
+                    xo.{owner}.{setter}(lambda record: (xo.__del__(), gc.collect(), finalised.append(record)))
+                    try:
+                        {use}
+                    except (AttributeError, NameError):
+                        pass
+                    assert len(finalised) == 1, finalised
+                    xo.__del__()
+                    gc.collect()
+                    assert finalised.pop() is not None
+                """)
+
     def test_integer_attributes_are_left_as_they_are_by_finalisation(self):
         run_python("""
             from vorntracer import xoptmonitoring as xo

@@ -493,6 +493,33 @@ class DestructorTest(EventTestCase):
         self.assertEqual(writer.texts, ["AddToThreadStateTracing() count=1\n", "printed\n",
                                         "AddToThreadStateTracing() count=-1\n"])
 
+    def test_a_tracing_level_that_cannot_be_raised_is_printed_and_the_record_is_gone_all_the_same(self):
+        printed = self.patch(xo.traceback, "print_exc", Recorder())
+        self.patch(xo.dbgpythonapi, "PyThreadState_EnterTracing", raising(NastyError("enter")))
+        leave = self.patch(xo.dbgpythonapi, "PyThreadState_LeaveTracing", Recorder())
+        _, support = new_own_record()
+        destroy(support)
+        self.assertEqual(len(printed.calls), 1)
+        self.assertEqual(leave.calls, [])  # what was not raised is not lowered
+        self.assertEqual(CPerThread._fPerThreadDict, {})
+        self.assertEqual(CPerThread._fDestructorActiveThreadIds, set())
+        self.assertIn(me(), CPerThread._fCleanedUpThreadIds)
+
+    def test_a_tracing_level_that_cannot_be_lowered_is_printed_and_swallowed(self):
+        printed = self.patch(xo.traceback, "print_exc", Recorder())
+        real = xo.dbgpythonapi.PyThreadState_LeaveTracing
+
+        def leave(state):
+            real(state)
+            raise NastyError("leave")
+
+        self.patch(xo.dbgpythonapi, "PyThreadState_LeaveTracing", leave)
+        _, support = new_own_record()
+        destroy(support)
+        self.assertEqual(len(printed.calls), 1)
+        self.assertEqual(CPerThread._fPerThreadDict, {})
+        self.assertEqual(CPerThread._fDestructorActiveThreadIds, set())
+
     def test_a_failure_under_the_lock_releases_it(self):
         class Unsteady(int):
             hashes_left = 100

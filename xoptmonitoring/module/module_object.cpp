@@ -129,7 +129,7 @@ void finalize_module(PyObject* module) {
                      "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
     const PendingException pending;
     if (ModuleState* m = state_of(module)) {
-        clear_state(*m);
+        bury_state(*m);
     }
 }
 

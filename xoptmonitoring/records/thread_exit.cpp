@@ -125,8 +125,9 @@ void print_and_swallow(ModuleState& m) {
     }
 }
 
-/// The finaliser's callback, on the exiting thread while its thread state is being cleared.
-bool __CapsuleDestructor(ModuleState& m, PyObject* self) {
+/// The clean-up between its notes: the thread is inside it, and raises no events. What fails is printed, and the rest is
+/// done all the same; a record that stayed would be met by the next thread of this id.
+bool clean_up_noted(ModuleState& m, PyObject* self) {
     const Ref current_thread_id = thread_ident();
     const Ref active =
         current_thread_id ? per_thread::class_slot(m, &ThreadClassData::_fDestructorActiveThreadIds) : Ref();
@@ -136,19 +137,24 @@ bool __CapsuleDestructor(ModuleState& m, PyObject* self) {
     if (!discard || !call_method(active.get(), m.names.add, current_thread_id.get())) {
         return false;
     }
-    bool done = AddToThreadStateTracing(m, 1);
-    if (done) {
-        if (!clean_up(m, self)) {
-            print_and_swallow(m);
-        }
-        done = leave_tracing(m);
+    const bool is_quiet = AddToThreadStateTracing(m, 1);
+    if (!is_quiet) {
+        print_and_swallow(m);
     }
-    PendingException pending;
-    if (!call(discard.get(), current_thread_id.get())) {
-        pending.drop();
-        return false;
+    if (!clean_up(m, self)) {
+        print_and_swallow(m);
     }
-    return done;
+    if (is_quiet && !leave_tracing(m)) {
+        print_and_swallow(m);
+    }
+    return static_cast<bool>(call(discard.get(), current_thread_id.get()));
+}
+
+/// The finaliser's callback, on the exiting thread while its thread state is being cleared. Raises nothing.
+void __CapsuleDestructor(ModuleState& m, PyObject* self) {
+    if (!clean_up_noted(m, self)) {
+        print_and_swallow(m);
+    }
 }
 
 Ref none_or_error(bool done) {
@@ -199,10 +205,11 @@ constexpr FunctionDecl kCleanupMethods[] = {
     {"_CCleanupSupport__CapsuleDestructor",
      {},
      [](ModuleState& m, PyObject* self, const Argument* /*args*/) {
-         return none_or_error(__CapsuleDestructor(m, self));
+         __CapsuleDestructor(m, self);
+         return new_none();
      },
-     "Discards the record, on the exiting thread; the finaliser of the capsule calls it. Returns None. Exceptions of\n"
-     "the clean-up itself are printed and swallowed.",
+     "Discards the record, on the exiting thread; the finaliser of the capsule calls it. Returns None. Exceptions are\n"
+     "printed and swallowed.",
      Binding::Instance},
 };
 

@@ -126,6 +126,11 @@ int traverse_state(ModuleState& m, visitproc visit, void* arg) {
     }
 #define GLOBAL_OBJECT(name, doc) GLOBAL_FINAL(name, doc)
 #include "xoptmonitoring/runtime/module_globals.def"
+    if (m.buried != nullptr) {
+        if (const int stop = visit(m.buried, arg)) {
+            return stop;
+        }
+    }
     return visit_all(objects_of(m.builtins), visit, arg);
 }
 
@@ -136,8 +141,29 @@ void clear_tables(ModuleState& m) {
     drop_all(objects_of(m.literals));
 }
 
+void bury_state(ModuleState& m) {
+    // What an earlier finalisation buried stays buried: it is one of the objects that are visited.
+    Ref buried = Ref::steal(xpy.PyList_New(0));
+    const visitproc bury = [](PyObject* object, void* list) {
+        return xpy.PyList_Append(static_cast<PyObject*>(list), object);
+    };
+    if (!buried || traverse_state(m, bury, buried.get()) != 0) {
+        xpy.PyErr_Clear();  // no memory: what could not be kept is dropped
+    }
+    for (std::span<PyObject*> objects : {objects_of(m.names), objects_of(m.literals)}) {
+        for (PyObject* object : objects) {
+            if (buried && object != nullptr && xpy.PyList_Append(buried.get(), object) != 0) {
+                xpy.PyErr_Clear();
+            }
+        }
+    }
+    clear_state(m);
+    m.buried = buried.release();
+}
+
 void clear_state(ModuleState& m) {
     m.module = nullptr;
+    const Ref buried = Ref::steal(std::exchange(m.buried, nullptr));
     drop_all(objects_of(m.types));
 #define GLOBAL_FINAL(name, doc) drop_all({&m.globals.name, 1});
 #define GLOBAL_OBJECT(name, doc) GLOBAL_FINAL(name, doc)

@@ -65,6 +65,8 @@ struct ModuleState {
     CachedBuiltins builtins;
     InternedNames names;
     MessageLiterals literals;
+    /// list of what a finalised state held, or null; kept until the module is cleared or freed.
+    PyObject* buried;
 };
 
 /// A new reference to the global in `slot`, taken under the module's lock; empty with AttributeError "Attribute
@@ -107,6 +109,10 @@ int traverse_state(ModuleState& m, visitproc visit, void* arg);
 
 /// Drops what module clearing drops: the self-reference, then built-ins, names and literals.
 void clear_tables(ModuleState& m);
+
+/// Empties the state as clear_state does, but keeps alive what it held: `module.__del__()` can be called by anybody, also
+/// from inside a callback of this module that goes on to use a class it has borrowed.
+void bury_state(ModuleState& m);
 
 /// Drops everything: internal types and metaclasses, the object globals, then what clear_tables drops.
 void clear_state(ModuleState& m);
