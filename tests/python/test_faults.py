@@ -159,13 +159,14 @@ class DyingThreadsTest(MonitoredTestCase):
                     setattr(xo.dbgpythonapi, name, failing)
 
                 patched = []
-                self.unraisable.clear()
+                printed = self.patch(xo.traceback, "print_exc", Recorder())
                 try:
                     record = self.end_a_thread(after=[fail_from_now_on])
                 finally:
                     setattr(xo.dbgpythonapi, *patched[0])
-                self.assertEqual(self.unraisable, [NastyError])
-                CPerThread._DiscardPerThread(record.fThreadId)
+                self.assertEqual(len(printed.calls), 1)
+                self.assertEqual(self.unraisable, [])
+                self.assertNotIn(record.fThreadId, CPerThread._fPerThreadDict)
                 self.assert_well()
 
     def test_second_callbacks_that_fail_at_the_end_of_a_thread(self):

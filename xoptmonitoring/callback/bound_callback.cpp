@@ -14,6 +14,7 @@ namespace {
 
 using initial_callback::is_call_skipped;
 using initial_callback::is_line_skipped;
+using initial_callback::is_line_skipped_locally;
 using initial_callback::kind_of;
 
 struct BoundCallbackData {
@@ -85,12 +86,36 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
     return none();
 }
 
+/// The interpreter's entry for LINE events without a global lock. Whoever unregisters the callable meanwhile, another
+/// thread or what runs while a breakpoint is compared, finds the note of this call when the callable is finalised.
+PyObject* call_for_local_line(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+    LocalState* local = local_state::find();
+    const BoundCallbackData& callback = data(bound);
+    const ModuleState* m = callback.class_record->m;
+    if (XPY_UNLIKELY(local == nullptr || vectorcall_nargs(nargsf) < 2 || kwnames != nullptr || m == nullptr ||
+                     local->call_count == LocalState::kMostCalls)) {
+        return call_bound(bound, args, nargsf, kwnames);
+    }
+    CallInProgress& call = local->calls[local->call_count++];
+    __atomic_store_n(&call.callable, bound, __ATOMIC_RELEASE);
+    const auto& fields = instance_data_as<InitialCallbackData>(callback.__self__);
+    PyObject* answer =
+        is_line_skipped_locally(*m, fields, args, *local) ? none() : call_bound(bound, args, nargsf, nullptr);
+    --local->call_count;
+    __atomic_store_n(&call.callable, nullptr, __ATOMIC_RELEASE);
+    if (XPY_UNLIKELY(__atomic_load_n(&call.is_kept, __ATOMIC_ACQUIRE))) {
+        call.is_kept = false;
+        const Ref dropped = Ref::steal(bound);
+    }
+    return answer;
+}
+
 /// The entry that suits the event that an instance serves now. Each entry works for every event.
 vectorcallfunc entry_for(const ModuleState& m, PyObject* self) {
-    if (!plain::is_fast_road_open()) {
-        return call_bound;
-    }
     const EventKind kind = kind_of(m.globals, instance_data_as<InitialCallbackData>(self)._fEventId);
+    if (!plain::is_fast_road_open()) {
+        return is_free_threaded() && kind == EventKind::Line ? call_for_local_line : call_bound;
+    }
     return kind == EventKind::Line ? call_for_line : kind >= EventKind::Start ? call_for_call : call_bound;
 }
 
@@ -145,6 +170,9 @@ int clear(PyObject* bound) {
 }
 
 void finalize(PyObject* bound) {
+    if (is_free_threaded() && local_state::keep_for_call(bound)) {
+        return;  // what it holds goes with it, when the call has ended
+    }
     data(bound).vectorcall = call_bound;
     finalize_members(bound, object_type, instance_data(bound), kFields,
                      "Exception ignored in _XNotPy_ManagedStruct tp_finalize");

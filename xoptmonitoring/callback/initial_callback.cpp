@@ -10,6 +10,7 @@
 #include "xoptmonitoring/callback/internal_frames.h"
 #include "xoptmonitoring/callback/skip_determination.h"
 #include "xoptmonitoring/records/code_extra.h"
+#include "xoptmonitoring/records/local_state.h"
 #include "xoptmonitoring/records/per_code_object.h"
 #include "xoptmonitoring/records/per_thread.h"
 #include "xoptmonitoring/runtime/handled_exception.h"
@@ -273,11 +274,15 @@ PyObject* Callback(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssi
 }
 
 Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object) {
+    const std::uint64_t epoch = local_state::current_epoch();
     Ref record = existing_record(m, code_object);
     if (XPY_UNLIKELY(!record)) {
         return {};
     }
     if (XPY_LIKELY(record.get() != none() && is_settled(record.get()))) {
+        if (is_free_threaded() && __atomic_load_n(&m.quick_extra_index, __ATOMIC_RELAXED) >= 0) {
+            local_state::remember(code_object, record.get(), epoch);
+        }
         return record;
     }
     return create_or_settle(m, code_object, std::move(record));

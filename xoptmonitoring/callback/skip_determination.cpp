@@ -238,6 +238,77 @@ struct FastRoad {
     }
 };
 
+/// A LINE event without a global lock. The code object's record is borrowed, since its slot owns it.
+struct LocalEvent {
+    const InitialCallbackData& callback;
+    PyObject* const* args;
+    const LocalState& local;
+    PyObject* per_code_object = nullptr;
+};
+
+/// The road of LINE events where there is no global lock: it ends where other threads' records come in.
+struct LocalRoad {
+    using RoadEvent = LocalEvent;
+    static constexpr Answer kStop = Answer::Undecided;
+
+    template <class Word>
+    static Word load(const Word& word) {
+        return __atomic_load_n(&word, __ATOMIC_RELAXED);
+    }
+
+    static const InitialCallbackData& callback(const LocalEvent& event) {
+        return event.callback;
+    }
+
+    static EventKind kind(const ModuleState& /*m*/, const LocalEvent& /*event*/) {
+        return EventKind::Line;
+    }
+
+    static bool is_line(EventKind /*kind*/) {
+        return true;
+    }
+
+    static const PerCodeObjectData& code_record(const LocalEvent& event) {
+        return per_code_object::data(event.per_code_object);
+    }
+
+    static bool find_code_record(const ModuleState& m, LocalEvent& event) {
+        event.per_code_object = local_state::recall(event.local, event.args[0]);
+        // Another module object has a class of its own.
+        return event.per_code_object != nullptr &&
+               as_object(type_of(event.per_code_object)) == load(m.globals.CPerCodeObject) &&
+               load(m.quick_extra_index) >= 0 && load(code_record(event).fUpdatePathnameNeeded) == 0;
+    }
+
+    static bool is_internal(const LocalEvent& event) {
+        return load(code_record(event).fIsInternal) != 0;
+    }
+
+    static bool is_line_filter_on(const LocalEvent& event) {
+        return load(event.callback.fAnySuspendThread) == 0 &&
+               load(event.callback.fSteppingEventsNeededEveryThread) == 0;
+    }
+
+    static bool log(const ModuleState& /*m*/, PyObject* MessageLiterals::* /*text*/) {
+        return true;
+    }
+
+    static Line look_at_line(const LocalEvent& event) {
+        const Ref enabled_bp_linenos = peek_slot(event.per_code_object, code_record(event).fEnabledBpLinenos);
+        if (!enabled_bp_linenos || type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr) {
+            return Line::Stop;
+        }
+        const int enabled = xpy.PySet_Contains(enabled_bp_linenos.get(), event.args[1]);
+        if (XPY_LIKELY(enabled == 0)) {
+            return Line::NotEnabled;
+        }
+        if (enabled < 0) {
+            xpy.PyErr_Clear();
+        }
+        return Line::Stop;
+    }
+};
+
 /// The roads differ in what they may do to the module's state.
 template <class Road>
 using RoadState = std::conditional_t<std::is_same_v<Road, CarefulRoad>, ModuleState, const ModuleState>;
@@ -303,6 +374,12 @@ XPY_ALWAYS_INLINE Answer decide_by_thread(RoadState<Road>& m, typename Road::Roa
     return decide_second<Road>(event, Road::kind(m, event));
 }
 
+/// The thread's record is in a registry that all threads share, so the local road ends before it.
+template <>
+XPY_ALWAYS_INLINE Answer decide_by_thread<LocalRoad>(const ModuleState& /*m*/, LocalEvent& /*event*/) {
+    return Answer::Undecided;
+}
+
 /// The whole decision.
 template <class Road>
 XPY_ALWAYS_INLINE Answer decide(RoadState<Road>& m, typename Road::RoadEvent& event) {
@@ -344,6 +421,17 @@ bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, 
     }
     QuickEvent event{callback, args, &slot_record};
     return decide<FastRoad<false>>(m, event) == Answer::Skip;
+}
+
+bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                             const LocalState& local) {
+    EventKind kind = EventKind::Unsettled;
+    __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
+    if (XPY_UNLIKELY(kind != EventKind::Line || _IsInitialCallbackLogging(m))) {
+        return false;
+    }
+    LocalEvent event{callback, args, local};
+    return decide<LocalRoad>(m, event) == Answer::Skip;
 }
 
 Answer _SkipDetermination(ModuleState& m, HeldEvent& event) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "xoptmonitoring/callback/initial_callback.h"
+#include "xoptmonitoring/records/local_state.h"
 #include "xoptmonitoring/records/tss_cache.h"
 #include "xoptmonitoring/runtime/log_lines.h"
 
@@ -38,6 +39,11 @@ Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event);
 bool is_line_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args);
 bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
                      const TssSlotRecord& slot_record);
+
+/// The same for LINE events without a global lock, with what the thread remembers: no lock is taken but that of the
+/// code object's own record, for its set of breakpoints, and none that other code objects need.
+bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                             const LocalState& local);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);

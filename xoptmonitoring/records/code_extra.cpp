@@ -1,6 +1,7 @@
 // The interpreter's code-extra slots, as far as this module reserved them.
 #include "xoptmonitoring/records/code_extra.h"
 
+#include "xoptmonitoring/records/local_state.h"
 #include "xoptmonitoring/runtime/locks.h"
 
 #include <algorithm>
@@ -30,8 +31,19 @@ bool is_own_code_extra_index(Py_ssize_t index) {
     return (word >> (index % kWordBits) & 1) != 0;
 }
 
+namespace {
+
+/// What a slot lets go of without a global lock, when it is replaced or its code object dies.
+void drop_value(void* value) {
+    local_state::begin_epoch();
+    xpy.Py_DecRef(static_cast<PyObject*>(value));
+}
+
+}  // namespace
+
 Py_ssize_t request_code_extra_index() {
-    const Py_ssize_t index = xpy.PyUnstable_Eval_RequestCodeExtraIndex(reinterpret_cast<freefunc>(xpy.Py_DecRef));
+    const freefunc drop = is_free_threaded() ? drop_value : reinterpret_cast<freefunc>(xpy.Py_DecRef);
+    const Py_ssize_t index = xpy.PyUnstable_Eval_RequestCodeExtraIndex(drop);
     if (index < 0 || index >= kMaxIndexes) {
         return -1;
     }
@@ -75,8 +87,7 @@ bool plain::learn_code_extras_offset(Py_ssize_t index) {
     const std::span<void*> words(reinterpret_cast<void**>(code.get()), count);
     std::array<void*, kMaxWords> before = {};
     std::copy(words.begin(), words.end(), before.begin());
-    bool kept = false;
-    if (!set_code_extra(code.get(), code.get(), index, none(), nullptr, &kept)) {
+    if (!set_code_extra(code.get(), code.get(), index, none(), object_type, nullptr)) {
         return false;
     }
     const Py_ssize_t word = filled_word({before.data(), count}, words);
@@ -100,8 +111,7 @@ CodeExtra get_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t inde
 }
 
 bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, PyObject* value,
-                    PyTypeObject* keep_instance_of, bool* kept) {
-    *kept = false;
+                    PyTypeObject* record_class, bool* kept) {
     Ref old;  // dropped after the lock: the interpreter lets go of a replaced object at once
     const ObjectLock lock(guard);
     void* extra = nullptr;
@@ -113,9 +123,16 @@ bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, Py
         return false;
     }
     old = Ref::share(static_cast<PyObject*>(extra));
-    if (old && old.get() != value && keep_instance_of != nullptr && is_instance_of(old.get(), keep_instance_of)) {
-        *kept = true;
-        return true;
+    const bool replaces_record = old && old.get() != value && is_instance_of(old.get(), record_class);
+    if (kept != nullptr) {
+        *kept = replaces_record;
+        if (replaces_record) {
+            return true;
+        }
+    } else if (replaces_record && is_free_threaded()) {
+        // Another thread may be looking at the record without a lock. Nothing but a direct call of _Code_SetExtra()
+        // replaces one, so it can stay for good.
+        static_cast<void>(Ref::share(old.get()).release());
     }
     Ref owned = Ref::share(value);
     if (xpy.PyUnstable_Code_SetExtra(code_object, index, owned.get()) < 0) {
@@ -152,8 +169,9 @@ Ref get_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
 }
 
 Ref set_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
-    bool kept = false;
-    const bool done = set_code_extra(slots_guard(m), args[0].object, args[1].integer, args[2].object, nullptr, &kept);
+    PyTypeObject* record_class = defined_class(m.globals.CPerCodeObject, "CPerCodeObject");
+    const bool done = record_class != nullptr && set_code_extra(as_object(record_class), args[0].object,
+                                                                args[1].integer, args[2].object, record_class, nullptr);
     return done ? new_none() : Ref();
 }
 

@@ -23,11 +23,11 @@ struct CodeExtra {
 };
 CodeExtra get_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index);
 
-/// Puts `value` into slot `index` of `code_object`; what was there is dropped after the lock of `guard`. Where
-/// `keep_instance_of` is given and an instance of it is there already, nothing is stored and `kept` says so. False
-/// with an exception set.
+/// Puts `value` into slot `index` of `code_object`; what was there is dropped after the lock of `guard`. `record_class`
+/// is that of the records which slots hold. Where `kept` is given and a record is there already, nothing is stored and
+/// `kept` says so. False with an exception set.
 bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, PyObject* value,
-                    PyTypeObject* keep_instance_of, bool* kept);
+                    PyTypeObject* record_class, bool* kept);
 
 /// Where a code object keeps its slots, for the fast road, which reads them without a call.
 namespace plain {

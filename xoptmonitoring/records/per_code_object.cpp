@@ -8,6 +8,8 @@
 // under the class's lock, and the record that came too late leaves its per-file record again, unannounced.
 #include "xoptmonitoring/records/per_code_object.h"
 
+#include "xoptmonitoring/records/local_state.h"
+
 #include "xoptmonitoring/pathnames/pathname_functions.h"
 #include "xoptmonitoring/pathnames/pathname_kinds.h"
 #include "xoptmonitoring/records/code_extra.h"
@@ -46,7 +48,8 @@ void update_quick_index(void* class_data) {
     if (fields.record.m == nullptr) {
         return;
     }
-    const bool is_open = plain::is_fast_road_open() && fields._fCodeObjectExtraIndex == fields.reserved_index;
+    const bool is_open =
+        (plain::is_fast_road_open() || is_free_threaded()) && fields._fCodeObjectExtraIndex == fields.reserved_index;
     fields.record.m->quick_extra_index = is_open ? fields.reserved_index : -1;
 }
 
@@ -552,6 +555,10 @@ Ref create(ModuleState& m) {
         return {};
     }
     store_class_slot(as_type(cls.get()), &ClassData::_fPerCodeObjectDict, std::move(registry));
+    if (is_free_threaded()) {
+        local_state::create_key();
+        local_state::begin_epoch();
+    }
     class_data_as<ClassData>(as_type(cls.get())).reserved_index = index;
     set_class_word(as_type(cls.get()), kExtraIndexField, index);
     store_class_slot(as_type(cls.get()), &ClassData::_fNewPerCodeObjectCreatedCallback, new_none());

@@ -125,8 +125,8 @@ void print_and_swallow(ModuleState& m) {
     }
 }
 
-/// The clean-up between its notes: the thread is inside it, and raises no events. What fails is printed, and the rest is
-/// done all the same; a record that stayed would be met by the next thread of this id.
+/// The clean-up between its notes: the thread is inside it, and raises no events. What fails is printed, and the rest
+/// is done all the same; a record that stayed would be met by the next thread of this id.
 bool clean_up_noted(ModuleState& m, PyObject* self) {
     const Ref current_thread_id = thread_ident();
     const Ref active =

@@ -110,8 +110,8 @@ int traverse_state(ModuleState& m, visitproc visit, void* arg);
 /// Drops what module clearing drops: the self-reference, then built-ins, names and literals.
 void clear_tables(ModuleState& m);
 
-/// Empties the state as clear_state does, but keeps alive what it held: `module.__del__()` can be called by anybody, also
-/// from inside a callback of this module that goes on to use a class it has borrowed.
+/// Empties the state as clear_state does, but keeps alive what it held: `module.__del__()` can be called by anybody,
+/// also from inside a callback of this module that goes on to use a class it has borrowed.
 void bury_state(ModuleState& m);
 
 /// Drops everything: internal types and metaclasses, the object globals, then what clear_tables drops.

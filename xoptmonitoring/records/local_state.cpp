@@ -1,0 +1,121 @@
+// What a thread keeps for itself so that its LINE events need no lock that other threads need.
+#include "xoptmonitoring/records/local_state.h"
+
+#include <cstdlib>
+#include <pthread.h>
+#include <utility>
+
+namespace {
+
+bool has_key = false;
+pthread_key_t key;
+std::uint64_t last_epoch = 1;  // not zero, which is that of an empty state
+
+/// All threads' states, and what guards the list and the life of each. No Python code runs under it.
+LocalState* all_states = nullptr;
+pthread_mutex_t all_states_lock = PTHREAD_MUTEX_INITIALIZER;
+
+class [[nodiscard]] ListLock {
+  public:
+    ListLock() noexcept {
+        pthread_mutex_lock(&all_states_lock);
+    }
+    ~ListLock() {
+        pthread_mutex_unlock(&all_states_lock);
+    }
+    ListLock(const ListLock&) = delete;
+    ListLock& operator=(const ListLock&) = delete;
+    ListLock(ListLock&&) = delete;
+    ListLock& operator=(ListLock&&) = delete;
+};
+
+/// The state of a thread that ends.
+void release(void* state) {
+    {
+        const ListLock lock;
+        for (LocalState** place = &all_states; *place != nullptr; place = &(*place)->next) {
+            if (*place == state) {
+                *place = (*place)->next;
+                break;
+            }
+        }
+    }
+    std::free(state);
+}
+
+/// A forked child has one thread, and a lock that nobody will give back. The others' states are left as they are.
+void forget_other_threads() {
+    all_states_lock = PTHREAD_MUTEX_INITIALIZER;
+    all_states = local_state::find();
+    if (all_states != nullptr) {
+        all_states->next = nullptr;
+    }
+}
+
+/// A new state of the calling thread; null where there is no memory for it.
+LocalState* create() {
+    auto* local = static_cast<LocalState*>(std::calloc(1, sizeof(LocalState)));
+    if (local == nullptr || pthread_setspecific(key, local) != 0) {
+        std::free(local);
+        return nullptr;
+    }
+    const ListLock lock;
+    local->next = std::exchange(all_states, local);
+    return local;
+}
+
+}  // namespace
+
+namespace local_state {
+
+void create_key() {
+    // The C library's own key and not the interpreter's, since that frees what an ending thread leaves.
+    has_key = has_key ||
+              (pthread_atfork(nullptr, nullptr, forget_other_threads) == 0 && pthread_key_create(&key, release) == 0);
+}
+
+LocalState* find() {
+    return has_key ? static_cast<LocalState*>(pthread_getspecific(key)) : nullptr;
+}
+
+std::uint64_t current_epoch() {
+    return __atomic_load_n(&last_epoch, __ATOMIC_ACQUIRE);
+}
+
+void begin_epoch() {
+    __atomic_add_fetch(&last_epoch, 1, __ATOMIC_ACQ_REL);
+}
+
+void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t epoch) {
+    LocalState* local = find();
+    if (local == nullptr && has_key) {
+        local = create();
+    }
+    if (local == nullptr) {
+        return;
+    }
+    if (local->epoch != epoch) {
+        for (LocalState::Remembered& forgotten : local->records) {
+            forgotten = {};
+        }
+        local->epoch = epoch;
+    }
+    const std::size_t place = reinterpret_cast<std::uintptr_t>(code_object) / 64 % LocalState::kRemembered;
+    local->records[place] = {code_object, per_code_object};
+}
+
+bool keep_for_call(PyObject* callable) {
+    const ListLock lock;
+    for (LocalState* local = all_states; local != nullptr; local = local->next) {
+        for (CallInProgress& call : local->calls) {
+            if (__atomic_load_n(&call.callable, __ATOMIC_ACQUIRE) == callable) {
+                static_cast<void>(Ref::share(callable).release());
+                __atomic_store_n(&call.is_kept, true, __ATOMIC_RELEASE);
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace local_state

@@ -1,0 +1,64 @@
+// What a thread keeps for itself so that its LINE events need no lock that other threads need: for interpreters without
+// a global one.
+//
+// It remembers which record belongs to which code object that the thread ran lately. A remembered record is borrowed:
+// the code object is running and its slot owns the record; a record that was replaced in its slot stays alive for good
+// (code_extra.cpp). A code object's address says nothing once it has died, so whatever an owned slot lets go of begins
+// a new epoch, and what was remembered in an older one is not asked any more.
+#pragma once
+
+#include "xoptmonitoring/binding/refs.h"
+
+/// A callable that its thread is calling, from the interpreter's borrowed reference. Counting it up and down would have
+/// threads fight for its count; so it is noted here, and its finalisation looks for such notes.
+struct CallInProgress {
+    PyObject* callable;  ///< null while there is no call
+    bool is_kept;        ///< the finalisation took a reference for the call, which drops it at its end
+};
+
+struct LocalState {
+    struct Remembered {
+        PyObject* code_object;
+        PyObject* per_code_object;
+    };
+    static constexpr std::size_t kRemembered = 64;
+    static constexpr std::size_t kMostCalls = 4;  // calls inside each other; a deeper one goes the long way
+
+    LocalState* next;  ///< of all threads' states, under their lock
+    std::uint64_t epoch;
+    std::size_t call_count;
+    CallInProgress calls[kMostCalls];
+    Remembered records[kRemembered];
+};
+
+namespace local_state {
+
+/// Makes the key under which threads keep their states. Does nothing where the C library has no more keys: no thread
+/// has a state then.
+void create_key();
+
+/// The calling thread's state, or null while it has none.
+LocalState* find();
+
+/// The epoch that has begun last.
+std::uint64_t current_epoch();
+
+/// Begins a new epoch, before an object that a slot held can be gone.
+void begin_epoch();
+
+/// The record that the thread remembers for a code object, borrowed; null where it has to be looked up.
+inline PyObject* recall(const LocalState& local, PyObject* code_object) {
+    // Code objects are large, so the lowest bits of their addresses say nothing.
+    const std::size_t place = reinterpret_cast<std::uintptr_t>(code_object) / 64 % LocalState::kRemembered;
+    const LocalState::Remembered& found = local.records[place];
+    return local.epoch == current_epoch() && found.code_object == code_object ? found.per_code_object : nullptr;
+}
+
+/// Remembers a record that was found in the code object's slot, in an epoch that had begun before the look. Makes the
+/// thread's state where it is missing and there is memory for it.
+void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t epoch);
+
+/// Takes a reference to `callable` for a call that is in progress, on whatever thread. False where there is none.
+bool keep_for_call(PyObject* callable);
+
+}  // namespace local_state
