@@ -48,6 +48,11 @@ def is_sanitized():
     return "libasan" in os.environ.get("LD_PRELOAD", "") or "-sanitizer" in configuration
 
 
+def is_built_with_address_sanitizer():
+    """Tells whether the interpreter's own code is watched, and not only this project's."""
+    return "--with-address-sanitizer" in (sysconfig.get_config_var("CONFIG_ARGS") or "")
+
+
 def time_limit(seconds):
     """The seconds that a child process may take, stretched where a sanitizer slows everything down."""
     return seconds * (6 if is_sanitized() else 1)

@@ -9,7 +9,9 @@ import unittest
 import weakref
 
 from event_helpers import IMPORT_MESSAGE, EventTestCase, Worker, in_new_thread, wait_until
-from support import NastyError, Recorder, RecordingWriter, raising, reentering, run_python, xo
+from support import (
+    NastyError, Recorder, RecordingWriter, is_built_with_address_sanitizer, raising, reentering, run_python, xo,
+)
 
 CPerThread = xo.CPerThread
 CCapsule = CPerThread._CCapsule
@@ -678,6 +680,8 @@ class EndOfTheProcessTest(EventTestCase):
             record.fStopFrame = sys._getframe()
         """)
 
+    @unittest.skipIf(is_built_with_address_sanitizer(),
+                     "without this module, too, drop_gil of 3.13 uses the freed state of a daemon thread at the end")
     def test_a_process_ends_silently_with_the_records_of_threads_that_still_run(self):
         self.assert_silent("""
             import threading
