@@ -67,7 +67,10 @@ class Crowd:
 
 
 def shake(*jobs, seconds=SECONDS):
-    """Calls each job again and again on its own thread, for that long; returns how often each was called."""
+    """Calls each job again and again on its own thread, for that long, and each of them once at least.
+
+    Returns how often each was called.
+    """
     crowd = Crowd()
     counts = [0] * len(jobs)
 
@@ -81,6 +84,8 @@ def shake(*jobs, seconds=SECONDS):
     with bounded(seconds + 60):
         crowd.start([repeated(index, job) for index, job in enumerate(jobs)])
         crowd.stopped.wait(seconds)
+        while not all(counts) and not crowd.stopped.wait(0.05):
+            pass  # on a busy machine the time may be up before each has had its turn
         crowd.stopped.set()
         crowd.join()
     return counts

@@ -29,7 +29,12 @@ PYTHON_CODE = re.compile(r"^\s*#\d+ _PyEval_EvalFrameDefault .*", re.MULTILINE |
 #: What the interpreter does on purpose, as the functions that two accesses go through. A dictionary is looked up
 #: without its lock: the reader tries to count a reference to the key and the value that it found, and only then looks
 #: whether they are still there. Meanwhile the memory may have become another object, whose header is being filled in.
-OWN_WAYS = (("new_reference", "_Py_dict_lookup_threadsafe"),)
+#: At its end the interpreter frees the states of daemon threads that wait somewhere, and nothing orders that after
+#: their last use.
+OWN_WAYS = (
+    ("new_reference", "_Py_dict_lookup_threadsafe"),
+    ("_PyThreadState_DeleteList", "_PyThreadState_Detach"),
+)
 
 #: Processes with threads fork here, on purpose. A report does not end the process, nor change how it ends.
 OPTIONS = "exitcode=0:halt_on_error=0:die_after_fork=0:second_deadlock_stack=1:history_size=4:log_path="
