@@ -6,6 +6,7 @@
 // event allocates, looks anything up by name or calls Python code.
 #include "xoptmonitoring/callback/initial_callback.h"
 
+#include "xoptmonitoring/binding/xpy_recursion.h"
 #include "xoptmonitoring/callback/bound_callback.h"
 #include "xoptmonitoring/callback/internal_frames.h"
 #include "xoptmonitoring/callback/skip_determination.h"
@@ -70,6 +71,11 @@ XPY_COLD bool log_calling(ModuleState& m, PyObject* second_callback) {
 Ref call_second(ModuleState& m, PyObject* self, PyObject* const* args, Py_ssize_t nargs) {
     const Ref second_callback = load_field(self, data(self)._fSecondCallback);
     if (!second_callback || (is_logging_first_stage(m) && !log_calling(m, second_callback.get()))) {
+        return {};
+    }
+    // The second stage may be, or come to, this very callback.
+    const RecursionLevel level;
+    if (!level.is_entered()) {
         return {};
     }
     return Ref::steal(xpy.PyObject_Vectorcall(second_callback.get(), args, static_cast<std::size_t>(nargs), nullptr));
