@@ -2,6 +2,7 @@
 #include "xoptmonitoring/records/local_state.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <pthread.h>
 #include <utility>
 
@@ -54,11 +55,12 @@ void forget_other_threads() {
 
 /// A new state of the calling thread; null where there is no memory for it.
 LocalState* create() {
-    auto* local = static_cast<LocalState*>(std::calloc(1, sizeof(LocalState)));
-    if (local == nullptr || pthread_setspecific(key, local) != 0) {
-        std::free(local);
+    void* memory = std::aligned_alloc(alignof(LocalState), sizeof(LocalState));
+    if (memory == nullptr || pthread_setspecific(key, memory) != 0) {
+        std::free(memory);
         return nullptr;
     }
+    auto* local = static_cast<LocalState*>(std::memset(memory, 0, sizeof(LocalState)));
     const ListLock lock;
     local->next = std::exchange(all_states, local);
     return local;

@@ -16,7 +16,8 @@ struct CallInProgress {
     bool is_kept;        ///< the finalisation took a reference for the call, which drops it at its end
 };
 
-struct LocalState {
+/// Aligned so that no two threads' states, one of which is written on every event, share a cache line.
+struct alignas(128) LocalState {
     struct Remembered {
         PyObject* code_object;
         PyObject* per_code_object;

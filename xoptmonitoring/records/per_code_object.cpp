@@ -422,6 +422,8 @@ constexpr FunctionDecl kMethods[] = {
      Binding::Instance},
 };
 
+constexpr std::size_t kCacheLine = 64;
+
 constexpr ClassDecl kClass = {
     CLASS_NAMES(CPerCodeObject),
     "The record of one code object: its pathnames, the lines with enabled breakpoints, and which events of it are\n"
@@ -430,7 +432,9 @@ constexpr ClassDecl kClass = {
     kFields,
     sizeof(ClassData),
     kClassFields,
-    kMethods};
+    kMethods,
+    false,
+    kCacheLine};
 
 }  // namespace
 

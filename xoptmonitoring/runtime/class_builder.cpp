@@ -131,8 +131,9 @@ Ref create_class(ModuleState& m, const ClassBlueprint& blueprint, PyObject*& met
         return {};
     }
     OwnedMembers instance_members(decl.fields, data_offsets.instance);
+    const std::size_t padding = is_free_threaded() ? decl.free_threaded_padding : 0;
     Ref cls = create_type(m, meta.get(), object_type, decl.spec_name, decl.doc,
-                          data_offsets.instance + static_cast<Py_ssize_t>(decl.data_size),
+                          data_offsets.instance + static_cast<Py_ssize_t>(decl.data_size + padding),
                           Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_MANAGED_WEAKREF,
                           blueprint.instance, instance_members, blueprint.record_through_instance);
     if (!cls) {

@@ -33,6 +33,9 @@ struct ClassDecl {
     std::span<const FieldDecl> class_fields;
     std::span<const FunctionDecl> methods;
     bool slots_weakref_only = false;  ///< shows `__slots__ = ("__weakref__",)`
+    /// Bytes left free behind the data on free-threaded interpreters, so that the mutex of the next object in memory,
+    /// which another thread may be taking on each of its events, is in a cache line of its own.
+    std::size_t free_threaded_padding = 0;
 };
 
 /// A class's name in all its forms.
