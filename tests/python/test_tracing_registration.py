@@ -275,6 +275,25 @@ class AnnouncementTest(TracingTestCase):
         self.assert_raises_text(NastyError, "stuck", xo._CallNewObjectCallback, callback, None)
         self.assertEqual(callback.calls, [(None,)])
 
+    def test_a_log_that_fails_from_the_callback_on_leaves_the_level_as_it_was(self):
+        # The thread raised no event ever again: the line before the lowering could not be written.
+        writer = RecordingWriter()
+
+        def close_the_log(obj):
+            writer.error = NastyError("closed")
+
+        for call in (lambda: xo._CallNewObjectCallback(close_the_log, None), self.announce_a_thread(close_the_log)):
+            writer.error = None
+            xo.set_dprintf_file(writer, 0, None)
+            xo.set_dprintf_mask(xo.kLogThreading)
+            self.assert_raises_text(NastyError, "closed", call)
+            self.assertTrue(self.raises_events())
+
+    def announce_a_thread(self, callback):
+        """What announces the record of a thread that is not there."""
+        xo.CPerThread.SetNewPerThreadCreatedCallback(callback)
+        return lambda: xo.CPerThread.GetPerThread(12345)
+
     def test_arguments_can_be_given_by_name_and_none_is_optional(self):
         callback = Recorder()
         xo._CallNewObjectCallback(obj=1, callback=callback)

@@ -40,12 +40,11 @@ bool was_out_of_memory(ModuleState& m) {
     return argument_error && xpy.PyErr_ExceptionMatches(argument_error.get()) != 0;
 }
 
-}  // namespace
+bool log_change(ModuleState& m, Py_ssize_t count) {
+    return !is_logging(m, load_global(m.globals.kLogThreading)) || write_log_line(m, tracing_line(m, count));
+}
 
-bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count) {
-    if (is_logging(m, load_global(m.globals.kLogThreading)) && !write_log_line(m, tracing_line(m, count))) {
-        return false;
-    }
+bool change_level(ModuleState& m, Py_ssize_t count) {
     const Ref support = load_global(m, m.globals.dbgpythonapi);
     const Ref tstate = support ? call_method(support.get(), m.names.PyThreadState_Get) : Ref();
     if (!tstate) {
@@ -55,13 +54,29 @@ bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count) {
     return repeat(support.get(), name, tstate.get(), count);
 }
 
-bool leave_tracing(ModuleState& m) {
-    if (AddToThreadStateTracing(m, -1)) {
+/// Lowers the level by one, and asks the interpreter directly where the support module lacks memory.
+bool lower_level(ModuleState& m) {
+    if (change_level(m, -1)) {
         return true;
     }
     if (was_out_of_memory(m)) {
         xpy.PyThreadState_LeaveTracing(xpy.PyThreadState_Get());
     }
+    return false;
+}
+
+}  // namespace
+
+bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count) {
+    return log_change(m, count) && change_level(m, count);
+}
+
+bool leave_tracing(ModuleState& m) {
+    if (log_change(m, -1)) {
+        return lower_level(m);
+    }
+    const PendingException failure;  // of the log, which is the one to be told
+    static_cast<void>(lower_level(m));
     return false;
 }
 

@@ -7,9 +7,9 @@
 /// support module. False with an exception set.
 bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count);
 
-/// AddToThreadStateTracing(m, -1), after AddToThreadStateTracing(m, 1). Where there is no memory to go by way of the
-/// support module, the interpreter is asked directly: a thread left at a raised level would raise no event ever again.
-/// False with an exception set.
+/// AddToThreadStateTracing(m, -1), after AddToThreadStateTracing(m, 1). The level is lowered even where the log line
+/// cannot be written, and where there is no memory to go by way of the support module, the interpreter is asked
+/// directly: a thread left at a raised level would raise no event ever again. False with an exception set.
 bool leave_tracing(ModuleState& m);
 
 /// Calls `callback(object)` untraced; a callback that is None is not called. The level is lowered again even when the
