@@ -7,6 +7,7 @@ object that nobody thought of, or to one that is new each time. The operations a
 import ctypes
 import gc
 import sys
+import sysconfig
 import unittest
 
 import test_leaks
@@ -30,6 +31,14 @@ def growth_of_a_batch(repeat):
         repeat()
     gc.collect()
     return sys.gettotalrefcount() - before
+
+
+class WhereThereIsASumTest(unittest.TestCase):
+
+    def test_debug_builds_and_no_others_add_their_references_up(self):
+        # So that the suite below is not passed over where it could run.
+        is_debug_build = bool(sysconfig.get_config_var("Py_DEBUG") or sysconfig.get_config_var("Py_REF_DEBUG"))
+        self.assertEqual(hasattr(sys, "gettotalrefcount"), is_debug_build)
 
 
 @unittest.skipUnless(hasattr(sys, "gettotalrefcount"), "this interpreter does not add its references up")
