@@ -635,7 +635,7 @@ class Round:
                 signal.alarm(time_limit(30))  # the watchdog of faulthandler is a thread, and gone
                 self.workers = []
                 if self.random.random() < 0.7:
-                    xo.UpdateThisProcessPid()
+                    self.attempt(xo.UpdateThisProcessPid)
                 for _ in range(5):
                     self.make_step(SAFE_IN_CHILD)
                 self.put_back()
