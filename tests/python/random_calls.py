@@ -701,6 +701,8 @@ class Round:
         for cls, name, value in self.class_fields:
             if getattr(cls, name, None) is not value:
                 setattr(cls, name, value)
+            if not self.is_tame and isinstance(value, (dict, set)):
+                value.clear()  # it may have been assigned to another field, and filled there
         if not self.is_tame:
             xo._gCanonicalPathnameMgr.__init__()
             # A thread can be made to cache any record, one that is not registered, say.
