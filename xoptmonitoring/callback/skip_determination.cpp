@@ -50,16 +50,30 @@ bool log_suspension(ModuleState& m, PyObject* per_thread, PyObject* text) {
         m, Ref::steal(xpy.PyUnicode_FromFormat("%U%S%U", text, thread_id.get(), m.literals.suspend_line_end)));
 }
 
-/// The road on which every step can be taken. Stopping means that an exception is set.
-struct CarefulRoad {
-    using RoadEvent = HeldEvent;
-    static constexpr Answer kStop = Answer::Failed;
-
-    /// A flag, count or policy, which the tracer may be changing on another thread.
+/// What is common to the roads on which the tracer may be changing flags, counts and policies on another thread.
+template <class Road>
+struct SharedRoad {
     template <class Word>
     static Word load(const Word& word) {
         return __atomic_load_n(&word, __ATOMIC_RELAXED);
     }
+
+    template <class RoadEvent>
+    static bool is_internal(const RoadEvent& event) {
+        return load(Road::code_record(event).fIsInternal) != 0;
+    }
+
+    template <class RoadEvent>
+    static bool is_line_filter_on(const RoadEvent& event) {
+        return load(Road::callback(event).fAnySuspendThread) == 0 &&
+               load(Road::callback(event).fSteppingEventsNeededEveryThread) == 0;
+    }
+};
+
+/// The road on which every step can be taken. Stopping means that an exception is set.
+struct CarefulRoad : SharedRoad<CarefulRoad> {
+    using RoadEvent = HeldEvent;
+    static constexpr Answer kStop = Answer::Failed;
 
     static const InitialCallbackData& callback(const HeldEvent& event) {
         return data(event.self.get());
@@ -84,15 +98,6 @@ struct CarefulRoad {
     static bool find_code_record(ModuleState& m, HeldEvent& event) {
         event.per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
         return static_cast<bool>(event.per_code_object);
-    }
-
-    static bool is_internal(const HeldEvent& event) {
-        return load(code_record(event).fIsInternal) != 0;
-    }
-
-    static bool is_line_filter_on(const HeldEvent& event) {
-        return load(callback(event).fAnySuspendThread) == 0 &&
-               load(callback(event).fSteppingEventsNeededEveryThread) == 0;
     }
 
     static bool find_thread_record(ModuleState& m, HeldEvent& event) {
@@ -247,14 +252,9 @@ struct LocalEvent {
 };
 
 /// The road of LINE events where there is no global lock: it ends where other threads' records come in.
-struct LocalRoad {
+struct LocalRoad : SharedRoad<LocalRoad> {
     using RoadEvent = LocalEvent;
     static constexpr Answer kStop = Answer::Undecided;
-
-    template <class Word>
-    static Word load(const Word& word) {
-        return __atomic_load_n(&word, __ATOMIC_RELAXED);
-    }
 
     static const InitialCallbackData& callback(const LocalEvent& event) {
         return event.callback;
@@ -278,15 +278,6 @@ struct LocalRoad {
         return event.per_code_object != nullptr &&
                as_object(type_of(event.per_code_object)) == load(m.globals.CPerCodeObject) &&
                load(m.quick_extra_index) >= 0 && load(code_record(event).fUpdatePathnameNeeded) == 0;
-    }
-
-    static bool is_internal(const LocalEvent& event) {
-        return load(code_record(event).fIsInternal) != 0;
-    }
-
-    static bool is_line_filter_on(const LocalEvent& event) {
-        return load(event.callback.fAnySuspendThread) == 0 &&
-               load(event.callback.fSteppingEventsNeededEveryThread) == 0;
     }
 
     static bool log(const ModuleState& /*m*/, PyObject* MessageLiterals::* /*text*/) {

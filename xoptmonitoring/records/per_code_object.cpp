@@ -50,7 +50,7 @@ void update_quick_index(void* class_data) {
     }
     const bool is_open =
         (plain::is_fast_road_open() || is_free_threaded()) && fields._fCodeObjectExtraIndex == fields.reserved_index;
-    fields.record.m->quick_extra_index = is_open ? fields.reserved_index : -1;
+    __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_RELAXED);
 }
 
 constexpr FieldDecl kClassFields[] = {
