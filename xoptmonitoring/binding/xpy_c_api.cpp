@@ -9,7 +9,6 @@
 #include "xoptmonitoring/binding/refs.h"
 #include "xoptmonitoring/binding/xpy_fallbacks.h"
 #include "xoptmonitoring/binding/xpy_layouts.h"
-#include "xoptmonitoring/binding/xpy_recursion.h"
 #include "xoptmonitoring/diagnostics/dprintf.h"
 
 #include <cstdio>
@@ -22,7 +21,6 @@ XPy_C_API_Data global_XPy_C_API_Data;
 extern "C" __attribute__((alias("global_XPy_C_API_Data"), visibility("hidden"))) XPy_C_API_Data xpy;
 
 bool totals_references = false;
-XPyRecursion xpy_recursion = {};
 
 namespace {
 
@@ -324,16 +322,6 @@ bool fill_record() {
     return true;
 }
 
-void learn_recursion_functions() {
-    void* enter = GetPtrNullOk(xpy.dll_ptr, "Py_EnterRecursiveCall");
-    void* leave = GetPtrNullOk(xpy.dll_ptr, "Py_LeaveRecursiveCall");
-    if (enter == nullptr || leave == nullptr) {
-        return;
-    }
-    std::memcpy(&xpy_recursion.enter, &enter, sizeof enter);
-    std::memcpy(&xpy_recursion.leave, &leave, sizeof leave);
-}
-
 }  // namespace
 
 void raise_unable_to_init() {
@@ -387,7 +375,6 @@ int XPy_InitializeWithDllPtr(void* dll_ptr) {
     xpy.can_update_refcount_directly = xpy.pydebug_build == 0 && xpy.pyobject_offsets.refcnt != -1 ? 1 : 0;
     // Exported by every build that keeps a total; what it does is never asked for.
     totals_references = GetPtrNullOk(xpy.dll_ptr, "_Py_NegativeRefcount") != nullptr;
-    learn_recursion_functions();
     xpy.initialized = 1;
     return 0;
 }

@@ -4,21 +4,14 @@
 
 #include "xoptmonitoring/binding/xpy_c_api.h"
 
-/// The interpreter's pair of functions; null before 3.9, where they are macros. Set when binding has succeeded, and
-/// kept beside the record, whose fields other native modules rely on.
-struct XPyRecursion {
-    int (*enter)(const char* where);
-    void (*leave)();
-};
-extern XPyRecursion xpy_recursion;
-
 /// One level of native recursion, for the scope.
 class [[nodiscard]] RecursionLevel {
   public:
-    RecursionLevel() noexcept : entered_(xpy_recursion.enter == nullptr || xpy_recursion.enter(kWhere) == 0) {}
+    RecursionLevel() noexcept
+        : entered_(xpy.Py_EnterRecursiveCall == nullptr || xpy.Py_EnterRecursiveCall(kWhere) == 0) {}
     ~RecursionLevel() {
-        if (entered_ && xpy_recursion.leave != nullptr) {
-            xpy_recursion.leave();
+        if (entered_ && xpy.Py_LeaveRecursiveCall != nullptr) {
+            xpy.Py_LeaveRecursiveCall();
         }
     }
     RecursionLevel(const RecursionLevel&) = delete;

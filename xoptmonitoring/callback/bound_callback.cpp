@@ -103,9 +103,8 @@ PyObject* call_for_local_line(PyObject* bound, PyObject* const* args, std::size_
         is_line_skipped_locally(*m, fields, args, *local) ? none() : call_bound(bound, args, nargsf, nullptr);
     --local->call_count;
     __atomic_store_n(&call.callable, nullptr, __ATOMIC_RELEASE);
-    if (XPY_UNLIKELY(__atomic_load_n(&call.is_kept, __ATOMIC_ACQUIRE))) {
-        call.is_kept = false;
-        const Ref dropped = Ref::steal(bound);
+    if (XPY_UNLIKELY(__atomic_load_n(&call.kept, __ATOMIC_ACQUIRE) != nullptr)) {
+        const Ref dropped = Ref::steal(__atomic_exchange_n(&call.kept, nullptr, __ATOMIC_ACQ_REL));
     }
     return answer;
 }
@@ -170,7 +169,7 @@ int clear(PyObject* bound) {
 }
 
 void finalize(PyObject* bound) {
-    if (is_free_threaded() && local_state::keep_for_call(bound)) {
+    if (is_free_threaded() && local_state::keep_for_calls(bound)) {
         return;  // what it holds goes with it, when the call has ended
     }
     data(bound).vectorcall = call_bound;

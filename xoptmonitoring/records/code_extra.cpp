@@ -129,10 +129,6 @@ bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, Py
         if (replaces_record) {
             return true;
         }
-    } else if (replaces_record && is_free_threaded()) {
-        // Another thread may be looking at the record without a lock. Nothing but a direct call of _Code_SetExtra()
-        // replaces one, so it can stay for good.
-        static_cast<void>(Ref::share(old.get()).release());
     }
     Ref owned = Ref::share(value);
     if (xpy.PyUnstable_Code_SetExtra(code_object, index, owned.get()) < 0) {
@@ -142,6 +138,11 @@ bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, Py
         return false;
     }
     static_cast<void>(owned.release());  // the slot's from now on
+    if (replaces_record && is_free_threaded()) {
+        // Another thread may be looking at the record without a lock. Nothing but a direct call of _Code_SetExtra()
+        // replaces one, so it can stay for good.
+        static_cast<void>(old.release());
+    }
     return true;
 }
 

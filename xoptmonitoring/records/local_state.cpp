@@ -102,22 +102,21 @@ void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t ep
         }
         local->epoch = epoch;
     }
-    const std::size_t place = reinterpret_cast<std::uintptr_t>(code_object) / 64 % LocalState::kRemembered;
-    local->records[place] = {code_object, per_code_object};
+    local->records[place_of(code_object)] = {code_object, per_code_object};
 }
 
-bool keep_for_call(PyObject* callable) {
+bool keep_for_calls(PyObject* callable) {
+    bool is_kept = false;
     const ListLock lock;
     for (LocalState* local = all_states; local != nullptr; local = local->next) {
         for (CallInProgress& call : local->calls) {
             if (__atomic_load_n(&call.callable, __ATOMIC_ACQUIRE) == callable) {
-                static_cast<void>(Ref::share(callable).release());
-                __atomic_store_n(&call.is_kept, true, __ATOMIC_RELEASE);
-                return true;
+                __atomic_store_n(&call.kept, Ref::share(callable).release(), __ATOMIC_RELEASE);
+                is_kept = true;
             }
         }
     }
-    return false;
+    return is_kept;
 }
 
 }  // namespace local_state

@@ -13,7 +13,9 @@
 /// threads fight for its count; so it is noted here, and its finalisation looks for such notes.
 struct CallInProgress {
     PyObject* callable;  ///< null while there is no call
-    bool is_kept;        ///< the finalisation took a reference for the call, which drops it at its end
+    /// What a finalisation took a reference to for the call, which drops it at its end, or null. The object itself and
+    /// no mere mark: one that comes just too late is met by the next call noted here, which may be of another callable.
+    PyObject* kept;
 };
 
 /// Aligned so that no two threads' states, one of which is written on every event, share a cache line.
@@ -47,11 +49,15 @@ std::uint64_t current_epoch();
 /// Begins a new epoch, before an object that a slot held can be gone.
 void begin_epoch();
 
+/// Where the record of a code object is remembered. Code objects are large, so the lowest bits of their addresses say
+/// nothing.
+inline std::size_t place_of(PyObject* code_object) {
+    return reinterpret_cast<std::uintptr_t>(code_object) / 64 % LocalState::kRemembered;
+}
+
 /// The record that the thread remembers for a code object, borrowed; null where it has to be looked up.
 inline PyObject* recall(const LocalState& local, PyObject* code_object) {
-    // Code objects are large, so the lowest bits of their addresses say nothing.
-    const std::size_t place = reinterpret_cast<std::uintptr_t>(code_object) / 64 % LocalState::kRemembered;
-    const LocalState::Remembered& found = local.records[place];
+    const LocalState::Remembered& found = local.records[place_of(code_object)];
     return local.epoch == current_epoch() && found.code_object == code_object ? found.per_code_object : nullptr;
 }
 
@@ -59,7 +65,8 @@ inline PyObject* recall(const LocalState& local, PyObject* code_object) {
 /// thread's state where it is missing and there is memory for it.
 void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t epoch);
 
-/// Takes a reference to `callable` for a call that is in progress, on whatever thread. False where there is none.
-bool keep_for_call(PyObject* callable);
+/// Takes a reference to `callable` for each call of it that is in progress, on whatever thread. False where there is
+/// none.
+bool keep_for_calls(PyObject* callable);
 
 }  // namespace local_state

@@ -8,11 +8,10 @@
 // under the class's lock, and the record that came too late leaves its per-file record again, unannounced.
 #include "xoptmonitoring/records/per_code_object.h"
 
-#include "xoptmonitoring/records/local_state.h"
-
 #include "xoptmonitoring/pathnames/pathname_functions.h"
 #include "xoptmonitoring/pathnames/pathname_kinds.h"
 #include "xoptmonitoring/records/code_extra.h"
+#include "xoptmonitoring/records/local_state.h"
 #include "xoptmonitoring/records/per_file.h"
 #include "xoptmonitoring/records/tracing.h"
 
@@ -40,8 +39,6 @@ constexpr FieldDecl kFields[] = {
 };
 #undef FIELD
 
-#define FIELD(name, type, doc) \
-    { #name, FieldType::type, offsetof(ClassData, name), 0, doc }
 /// Keeps ModuleState::quick_extra_index up to date; a subclass has no say in it.
 void update_quick_index(void* class_data) {
     const auto& fields = *static_cast<const ClassData*>(class_data);
@@ -53,6 +50,8 @@ void update_quick_index(void* class_data) {
     __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_RELAXED);
 }
 
+#define FIELD(name, type, doc) \
+    { #name, FieldType::type, offsetof(ClassData, name), 0, doc }
 constexpr FieldDecl kClassFields[] = {
     FIELD(_fPerCodeObjectDict, Dict, "dict: weak reference to code object -> record; used where there is no slot."),
     {"_fCodeObjectExtraIndex", FieldType::Int, offsetof(ClassData, _fCodeObjectExtraIndex), 0,
