@@ -196,6 +196,35 @@ class RecordsOfThreads(ShakingTestCase):
     def test_a_thread_finds_its_own_record_while_the_module_is_reset(self):
         self.find_own_while(xo.reset)
 
+    def test_a_record_that_a_reset_has_taken_out_is_not_found_again(self):
+        """A reset between a record's registration and its storing left it cached and in no registry: its thread went
+        on with it, and nobody else could hold that thread or ask it anything."""
+        lost, running = [], threading.Semaphore(0)
+
+        def find_and_wait():
+            record = self.find_own()
+            running.release()
+            go_on.wait()
+            cached = xo._CPerThreadTssCache.Get()
+            if cached is not None and CPerThread._fPerThreadDict.get(me()) is not cached:
+                lost.append(cached)
+            del record
+
+        for _ in range(50):
+            go_on = threading.Event()
+            threads = [threading.Thread(target=find_and_wait) for _ in range(CROWD)]
+            for thread in threads:
+                thread.start()
+            while not running.acquire(blocking=False):
+                xo.reset()
+            for _ in threads[1:]:
+                running.acquire()
+                xo.reset()
+            go_on.set()
+            for thread in threads:
+                thread.join()
+        self.assertEqual(lost, [])
+
     def test_a_thread_finds_its_own_record_while_the_registry_is_emptied_behind_its_back(self):
         def empty():
             CPerThread._fPerThreadDict.clear()

@@ -205,6 +205,50 @@ class EmptyingTest(XoTestCase):
         self.assertIsNone(xo._CPerThreadTssCache.Get())
         self.assertIsNot(CPerThread.GetPerThread(), record)
 
+    def test_a_reset_while_a_record_is_announced_leaves_no_record_that_only_its_thread_knows(self):
+        def announced(record):
+            xo.reset()
+
+        CPerThread.SetNewPerThreadCreatedCallback(announced)
+        announced_record = CPerThread.GetPerThread()
+        self.assertEqual(announced_record.fThreadId, threading.get_ident())
+        self.assertIsNone(xo._CPerThreadTssCache.Get())
+        record = CPerThread.GetPerThread()
+        self.assertIsNot(record, announced_record)
+        self.assertEqual(CPerThread._fPerThreadDict, {threading.get_ident(): record})
+        self.assertIs(xo._CPerThreadTssCache.Get(), record)
+
+    def test_a_record_entered_while_the_records_are_detached_is_detached_as_well(self):
+        """What another thread can do in the middle of a reset, brought about by a dictionary that waits for it."""
+        detaching, entered, over = threading.Event(), threading.Event(), threading.Event()
+        self.addCleanup(over.set)
+        found = []
+
+        class Registry(dict):
+            def values(self):
+                values = list(super().values())
+                detaching.set()
+                entered.wait()
+                return values
+
+        def run():
+            detaching.wait()
+            found.append(CPerThread.GetPerThread())
+            entered.set()
+            over.wait()
+            found.append(xo._CPerThreadTssCache.Get())
+
+        self.addCleanup(setattr, CPerThread, "_fPerThreadDict", {})
+        CPerThread._fPerThreadDict = registry = Registry()
+        thread = threading.Thread(target=run)
+        thread.start()
+        xo.reset()
+        over.set()
+        thread.join()
+        self.assertEqual(registry, {})
+        self.assertIsInstance(found[0], CPerThread)
+        self.assertIsNone(found[1])
+
     def test_a_thread_that_ends_after_a_reset_changes_nothing(self):
         known, go_on = threading.Event(), threading.Event()
         self.addCleanup(go_on.set)

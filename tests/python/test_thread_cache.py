@@ -306,7 +306,7 @@ class EndOfARecordTest(EventTestCase):
             self.assertIsNone(Cache.Get())
             self.assertIsNone(worker.call(Cache.Get))
 
-    def test_a_record_discarded_between_its_creation_and_its_store_leaves_no_dangling_slot(self):
+    def test_a_record_discarded_between_its_creation_and_its_store_is_not_found_again(self):
         identity = threading.get_ident()
 
         def discard_elsewhere(record):
@@ -316,7 +316,8 @@ class EndOfARecordTest(EventTestCase):
         record = CPerThread.GetPerThread()
         CPerThread.SetNewPerThreadCreatedCallback(None)
         self.assertEqual(CPerThread.GetAllPerThreads(), [])
-        self.assertIs(Cache.Get(), record)  # stored after it had been discarded
+        self.assertEqual(record.fThreadId, identity)
+        self.assertIsNone(Cache.Get(), "cached, while nobody else knows of it")
         gone = weakref.ref(record)
         del record
         gc.collect()

@@ -175,6 +175,25 @@ bool _DiscardPerThread(ModuleState& m, PyObject* thread_id) {
     return true;
 }
 
+/// Caches the calling thread's own record for as long as it is registered. Whoever takes a record out of the registry
+/// detaches it afterwards, and so before this one where it is taken out while it is not stored yet: it would stay
+/// cached, and its thread would be unknown to everybody else.
+bool cache_own(ModuleState& m, PyObject* thread_id, PyObject* per_thread) {
+    if (!tss_cache::Store(m, per_thread)) {
+        return false;
+    }
+    const Ref records = class_slot(m, &ClassData::_fPerThreadDict);
+    const Ref registered = records ? dict_get(records.get(), thread_id, m.names.get) : Ref();
+    if (registered.get() != per_thread) {
+        Data* record = checked_data(m, per_thread);
+        if (record == nullptr) {
+            return false;
+        }
+        tss_cache::Detach(*record);
+    }
+    return static_cast<bool>(registered);
+}
+
 /// Arms the clean-up of a record that another thread made, now that its own thread asks, and caches the record.
 bool adopt_by_own_thread(ModuleState& m, PyObject* thread_id, PyObject* per_thread) {
     const Ref supports = class_slot(m, &ClassData::_fCleanupSupportByThreadId);
@@ -188,7 +207,7 @@ bool adopt_by_own_thread(ModuleState& m, PyObject* thread_id, PyObject* per_thre
             return false;
         }
     }
-    return tss_cache::Store(m, per_thread);
+    return cache_own(m, thread_id, per_thread);
 }
 
 /// Whether a record may be made for a thread id that is not registered: 1; 0 while that thread is inside its own
@@ -227,7 +246,7 @@ Ref find_or_create(ModuleState& m, PyObject* thread_id, bool for_current_thread,
         return allowed < 0 ? Ref() : new_none();
     }
     per_thread = call(as_object(this_class(m)), thread_id);
-    if (per_thread && for_current_thread && !tss_cache::Store(m, per_thread.get())) {
+    if (per_thread && for_current_thread && !cache_own(m, thread_id, per_thread.get())) {
         return {};
     }
     return per_thread;
@@ -397,7 +416,7 @@ bool fill_class_fields(ModuleState& m, PyTypeObject* cls) {
            set(&ClassData::_fDestructorActiveThreadIds, Ref::steal(xpy.PySet_New(nullptr)));
 }
 
-/// Calls `item.operation()` for each value of a registry, over a snapshot.
+/// Calls `operation(value)` for each value of a registry, over a snapshot.
 template <class Operation>
 bool for_each_value(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
     const Ref registry = class_slot(m, slot);
@@ -413,6 +432,29 @@ bool for_each_value(ModuleState& m, PyObject* ClassData::*slot, Operation operat
         }
     }
     return true;
+}
+
+/// Empties a registry and calls `operation(value)` for each value once it is out. Threads may go on entering theirs:
+/// none is dropped that the operation has not seen.
+template <class Operation>
+bool drain(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
+    const Ref registry = class_slot(m, slot);
+    while (registry) {
+        const Ref keys = Ref::steal(xpy.PyDict_Keys(registry.get()));
+        const Py_ssize_t count = keys ? xpy.PyList_Size(keys.get()) : -1;
+        if (count <= 0) {
+            return count == 0;
+        }
+        for (Py_ssize_t index = 0; index < count; ++index) {
+            PyObject* popped = nullptr;
+            const int found = xpy.PyDict_Pop(registry.get(), xpy.PyList_GetItem(keys.get(), index), &popped);
+            const Ref value = Ref::steal(popped);
+            if (found < 0 || (found > 0 && !operation(value.get()))) {
+                return false;
+            }
+        }
+    }
+    return false;
 }
 
 bool clear_registry(ModuleState& m, PyObject* ClassData::*slot) {
@@ -518,9 +560,10 @@ bool reset(ModuleState& m) {
         return false;
     }
     tss_cache::Clear();
-    if (!clear_registry(m, &ClassData::_fPerThreadDict) ||
+    // Once more on their way out: threads that run meanwhile enter and store theirs.
+    if (!drain(m, &ClassData::_fPerThreadDict, detach) ||
         !for_each_value(m, &ClassData::_fCleanupSupportByThreadId, disarm) ||
-        !clear_registry(m, &ClassData::_fCleanupSupportByThreadId) ||
+        !drain(m, &ClassData::_fCleanupSupportByThreadId, disarm) ||
         !clear_registry(m, &ClassData::_fCleanedUpThreadIds) ||
         !clear_registry(m, &ClassData::_fDestructorActiveThreadIds)) {
         return false;
