@@ -100,14 +100,12 @@ const FunctionDecl kIsInternalFrame = {
         const int internal = IsInternalFrame(m, args[0].object);
         return internal < 0 ? Ref() : new_bool(internal != 0);
     },
-    "IsInternalFrame(f)\n\n"
     "Returns whether the frame `f` runs the debugger's own code, a bool. Makes no record. Raises what reading the\n"
     "frame raises."};
 
 const FunctionDecl kGetNonInternalFrame = {
     "GetNonInternalFrame", kDepthParams,
     [](ModuleState& m, PyObject* /*self*/, const Argument* args) { return GetNonInternalFrame(m, args[0].object); },
-    "GetNonInternalFrame(depth=None)\n\n"
     "Returns the caller's nearest frame that is not the debugger's own, or the one `depth` (an int or None) such\n"
     "frames further out; None where the stack has no such frame. Raises TypeError for another `depth`."};
 
@@ -116,12 +114,10 @@ const FunctionDecl kFrameCodeMatches = {
     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
         return _FrameCodeMatches(m, args[0].object, args[1].object);
     },
-    "_FrameCodeMatches(frame, code_object)\n\n"
     "Returns what `frame.f_code == code_object` gives, or False where `frame` is None."};
 
 const FunctionDecl kGetPythonFrame = {
     "_GetPythonFrame", kModuleDepthParams,
     [](ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*args*/) { return innermost_frame(); },
-    "_GetPythonFrame(this_module_depth)\n\n"
     "Returns the calling thread's innermost frame. `this_module_depth` (an int) is not used: this module's functions\n"
     "have no frames to skip."};

@@ -65,7 +65,6 @@ const FunctionDecl kReset = {
     "reset",
     {},
     reset,
-    "reset()\n\n"
     "Returns the module to the state that it had after import: no diagnostic output, no records, no callbacks, no\n"
     "internal pathnames. Records in the slots of code objects stay with them. Returns None."};
 
@@ -73,11 +72,9 @@ const FunctionDecl kUpdateThisProcessPid = {
     "UpdateThisProcessPid",
     {},
     update_pid,
-    "UpdateThisProcessPid()\n\n"
     "Makes events of this process count again, in a forked child. Returns None."};
 
 const FunctionDecl kBenchCallback = {
     "_bench_callback", kBenchParams, bench_callback,
-    "_bench_callback(callback, code_object, n)\n\n"
     "Calls `callback(code_object)` `n` (an int) times in a native loop. Returns the number of calls. Raises what the\n"
     "callback raises, at once."};

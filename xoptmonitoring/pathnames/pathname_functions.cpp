@@ -35,7 +35,6 @@ const FunctionDecl kLookupCanonicalPathname = {
     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
         return forward(m, m.names.Lookup, args[0].object, args[1].object);
     },
-    "lookup_canonical_pathname(pathname, checksum=None)\n\n"
     "Finds the canonical pathname of the str `pathname` without registering it; `checksum` is a str or None.\n"
     "Returns a str, or None where it is not known. Raises TypeError for other types."};
 
@@ -44,7 +43,6 @@ const FunctionDecl kRegisterCanonicalPathname = {
     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
         return forward(m, m.names.Register, args[0].object, args[1].object, args[2].object);
     },
-    "register_canonical_pathname(pathname, checksum=None, kind=None)\n\n"
     "Finds the canonical pathname of the str `pathname`, or makes its absolute name canonical; `checksum` is a str\n"
     "or None, `kind` a pathname kind or None. Returns a str, or None for a pseudo name. Raises TypeError for other\n"
     "types."};
@@ -54,7 +52,6 @@ const FunctionDecl kGetCanonicalPathname = {
     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
         return forward(m, m.names.Get, args[0].object, args[1].object);
     },
-    "get_canonical_pathname(pathname, checksum=None)\n\n"
     "Finds the canonical pathname of the str `pathname`, or registers it; `checksum` is a str or None. Returns a str,\n"
     "or None for a pseudo name. Raises TypeError for other types."};
 
@@ -63,7 +60,6 @@ const FunctionDecl kSetChecksumCallback = {
     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
         return forward(m, m.names.SetChecksumCallback, args[0].object);
     },
-    "set_checksum_callback(callback)\n\n"
     "Sets the callable that is given a pathname and returns its checksum, a str, or None. `callback` None switches\n"
     "checksums off. Returns None."};
 
@@ -72,13 +68,12 @@ const FunctionDecl kGetChecksumCallback = {"get_checksum_callback",
                                            [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
                                                return forward(m, m.names.GetChecksumCallback);
                                            },
-                                           "get_checksum_callback()\n\nReturns the checksum callback, or None."};
+                                           "Returns the checksum callback, or None."};
 
 const FunctionDecl kGetChecksumForPathname = {
     "_get_checksum_for_pathname", kPathname,
     [](ModuleState& m, PyObject* /*self*/, const Argument* args) {
         return forward(m, m.names.GetChecksumForPathname, args[0].object);
     },
-    "_get_checksum_for_pathname(pathname)\n\n"
     "Asks the checksum callback for the checksum of the str `pathname`. Returns its answer, or None where no\n"
     "callback is set. Raises what the callback raises."};

@@ -112,18 +112,15 @@ constexpr ParamDecl kDictParams[] = {{"d", ValueType::Dict}};
 
 const FunctionDecl kGetPathnameKind = {
     "GetPathnameKind", kStrPathname, get_kind,
-    "GetPathnameKind(pathname)\n\n"
     "Returns what kind of name the str `pathname` is: kRegularPathname, kFrozenImportLibPathname (\"<frozen ...>\"),\n"
     "kPseudoPathname (any other \"<...>\", or no name) or kVornShellPathname (the debugger's interactive shell).\n"
     "Raises TypeError for what is no str."};
 
 const FunctionDecl kSetInternalPathnameDict = {
     "SetInternalPathnameDict", kDictParams, set_internal,
-    "SetInternalPathnameDict(d)\n\n"
     "Makes the keys of the dict `d` the debugger's own pathnames, whose code is never stopped in. The dict itself is\n"
     "kept, so later changes to it count at once. Returns None. Raises TypeError for what is no dict."};
 
 const FunctionDecl kIsInternalPathname = {
     "IsInternalPathname", kAnyPathname, is_internal,
-    "IsInternalPathname(pathname)\n\n"
     "Returns whether `pathname` is one of the debugger's own, a bool; False for what is no str."};

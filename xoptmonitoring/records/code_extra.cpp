@@ -185,18 +185,15 @@ const FunctionDecl kCodeRequestExtraIndexForOwnedRef = {
     "_Code_RequestExtraIndexForOwnedRef",
     {},
     request_index,
-    "_Code_RequestExtraIndexForOwnedRef()\n\n"
     "Reserves a slot in every code object that owns a reference to what is stored there. Returns its index, an int,\n"
     "or -1 where no slot is to be had."};
 
 const FunctionDecl kCodeGetExtra = {
     "_Code_GetExtra", kGetParams, get_extra,
-    "_Code_GetExtra(code_object, index)\n\n"
     "Returns the object in slot `index` (an int) of `code_object`, or None where there is none. Raises SystemError for\n"
     "what is no code object."};
 
 const FunctionDecl kCodeSetExtra = {
     "_Code_SetExtra", kSetParams, set_extra,
-    "_Code_SetExtra(code_object, index, value)\n\n"
     "Stores `value` in slot `index` (an int) of `code_object`, with a reference of its own. Returns None. Raises\n"
     "SystemError for what is no code object and for a slot that was not reserved here."};

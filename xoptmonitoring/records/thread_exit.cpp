@@ -315,4 +315,4 @@ const FunctionDecl kGetThreadStateDict = {
     "_GetThreadStateDict",
     {},
     [](ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) { return thread_exit::_GetThreadStateDict(m); },
-    "_GetThreadStateDict()\n\nReturns the calling thread's thread-state dictionary, or None."};
+    "Returns the calling thread's thread-state dictionary, or None."};

@@ -113,13 +113,11 @@ constexpr ParamDecl kCallbackParams[] = {{"callback"}, {"obj"}};
 
 const FunctionDecl kAddToThreadStateTracing = {
     "AddToThreadStateTracing", kCountParams, add_to_tracing,
-    "AddToThreadStateTracing(count)\n\n"
     "Raises the calling thread's tracing level by `count` (an int), or lowers it where that is negative: while the\n"
     "level is above zero, the thread raises no monitoring events. Callers pair 1 with -1 in a try and finally.\n"
     "Returns None. Raises what the support module raises."};
 
 const FunctionDecl kCallNewObjectCallback = {
     "_CallNewObjectCallback", kCallbackParams, call_new_object_callback,
-    "_CallNewObjectCallback(callback, obj)\n\n"
     "Calls `callback(obj)` while the calling thread raises no monitoring events; a `callback` of None is not called.\n"
     "Returns None. Raises what the callback raises."};

@@ -246,7 +246,7 @@ Ref get_thread_ident(ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*a
 }  // namespace
 
 const FunctionDecl kGetPid = {
-    "_GetPid", {}, get_pid, "_GetPid()\n\nReturns this process's id, an int; a forked child gets its own."};
+    "_GetPid", {}, get_pid, "Returns this process's id, an int; a forked child gets its own."};
 
 const FunctionDecl kGetThreadIdent = {
-    "_GetThreadIdent", {}, get_thread_ident, "_GetThreadIdent()\n\nReturns the calling thread's id, an int."};
+    "_GetThreadIdent", {}, get_thread_ident, "Returns the calling thread's id, an int."};

@@ -62,22 +62,19 @@ constexpr ParamDecl kDprintfParams[] = {{"domain", ValueType::Integer}, {"s"}};
 
 const FunctionDecl kSetDprintfFile = {
     "set_dprintf_file", kFileParams, set_file,
-    "set_dprintf_file(f, fileno, win32_handle)\n\n"
     "Sends the module's diagnostic lines to the `write` method of `f`; None switches them off. `fileno` and\n"
     "`win32_handle` are accepted for the sake of callers that have them, and not used. Returns None."};
 
 const FunctionDecl kSetDprintfMask = {
     "set_dprintf_mask", kMaskParams, set_mask,
-    "set_dprintf_mask(mask)\n\n"
     "Chooses the diagnostic lines that are written: `mask` is an int made of the kLog... bits. Returns None.\n"
     "Raises TypeError or OverflowError for what is no machine word."};
 
 const FunctionDecl kGetDprintfMask = {
-    "get_dprintf_mask", {}, get_mask, "get_dprintf_mask()\n\nReturns the mask of diagnostic lines, an int."};
+    "get_dprintf_mask", {}, get_mask, "Returns the mask of diagnostic lines, an int."};
 
 const FunctionDecl kDprintf = {
     "dprintf", kDprintfParams, print_line,
-    "dprintf(domain, s)\n\n"
     "Writes `s` to the diagnostic file when one of the bits in `domain` (an int) is in the mask. `s` is a str or\n"
     "a callable without arguments that returns one; it is called only when the line is written. Nothing is added\n"
     "to the text. Returns None. Raises TypeError where no str comes of `s`, and what the callable or the file's\n"
