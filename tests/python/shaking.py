@@ -2,6 +2,7 @@
 
 * `shake(job, ...)`: each job over and over on a thread of its own, until the time is up.
 * `together(count, job)`: one call on each of `count` threads, all let go at once; `meetings` is many of those.
+* `Turns(items)`: the items again and again, for jobs that share them.
 * `ShakingTestCase`: the base class; lets threads switch as often as the interpreter can.
 
 How long each `shake` takes is chosen with XO_SHAKE_SECONDS; a run by hand may well take minutes. Threads that do
@@ -11,6 +12,7 @@ not come to an end have their stacks shown, and the process ends: a test that ha
 import collections
 import contextlib
 import faulthandler
+import itertools
 import os
 import sys
 import threading
@@ -34,6 +36,18 @@ def bounded(seconds):
         yield
     finally:
         faulthandler.cancel_dump_traceback_later()
+
+
+class Turns:
+    """An iterator over items again and again that threads can share. Free-threaded 3.13 reads past the end of an
+    `itertools.cycle` that several threads ask at once, and crashes; its `itertools.count` is made for that."""
+
+    def __init__(self, items):
+        self._items = list(items)
+        self._numbers = itertools.count()
+
+    def __next__(self):
+        return self._items[next(self._numbers) % len(self._items)]
 
 
 class Crowd:

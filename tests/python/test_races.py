@@ -15,7 +15,7 @@ import weakref
 
 from code_helpers import make_code
 from event_helpers import EVENT_IDS, IMPORT_MESSAGE, wait_until
-from shaking import CROWD, ShakingTestCase, meetings, shake, together
+from shaking import CROWD, ShakingTestCase, Turns, meetings, shake, together
 from support import RecordingWriter, Recorder, needs_free_threading, run_python, xo
 
 CPerCodeObject, CPerFile, CPerThread = xo.CPerCodeObject, xo.CPerFile, xo.CPerThread
@@ -156,8 +156,8 @@ class RecordsOfFiles(ShakingTestCase):
         self.assertEqual(groups, {per_file.fChecksum: {per_file} for per_file in per_files})
 
     def test_lists_and_resets_go_along_with_the_making_of_records(self):
-        names = itertools.cycle([f"/srv/race/listed{index}.py" for index in range(50)])
-        callbacks = itertools.cycle([None, Recorder()])
+        names = Turns([f"/srv/race/listed{index}.py" for index in range(50)])
+        callbacks = Turns([None, Recorder()])
 
         def list_all():
             for record in CPerFile.GetAllPerFiles():
@@ -317,7 +317,7 @@ class RecordsOfThreads(ShakingTestCase):
         self.assertEqual((CPerThread._fCleanupSupportByThreadId, CPerThread._fDestructorActiveThreadIds), ({}, set()))
 
     def test_a_policy_is_one_that_some_callback_gave(self):
-        callbacks = itertools.cycle([None, lambda thread_id: 7, lambda thread_id: 8])
+        callbacks = Turns([None, lambda thread_id: 7, lambda thread_id: 8])
 
         def ask():
             record = CPerThread.GetPerThread()
@@ -326,7 +326,7 @@ class RecordsOfThreads(ShakingTestCase):
         shake(*[ask] * (CROWD - 1), lambda: CPerThread.SetDebugPolicyCallback(next(callbacks)))
 
     def test_a_name_is_one_that_some_callback_gave(self):
-        callbacks = itertools.cycle([None, lambda record: "one", lambda record: "other"])
+        callbacks = Turns([None, lambda record: "one", lambda record: "other"])
 
         def ask():
             record = CPerThread.GetPerThread()
@@ -358,7 +358,7 @@ class Pathnames(ShakingTestCase):
     def test_names_that_are_forgotten_meanwhile_are_worked_out_anew(self):
         directory = self.make_dir()
         files = [self.write_file(directory, f"file{index}.py") for index in range(4)]
-        checksums = itertools.cycle([None, lambda pathname: "sum " + pathname])
+        checksums = Turns([None, lambda pathname: "sum " + pathname])
 
         def get(pathname):
             def job():
@@ -369,7 +369,7 @@ class Pathnames(ShakingTestCase):
               lambda: xo.set_checksum_callback(next(checksums)))
 
     def test_whether_a_pathname_is_internal_is_answered_from_one_dictionary_or_the_other(self):
-        dicts = itertools.cycle([{"/both.py": 1, "/first.py": 1}, {"/both.py": 1, "/second.py": 1}])
+        dicts = Turns([{"/both.py": 1, "/first.py": 1}, {"/both.py": 1, "/second.py": 1}])
         xo.SetInternalPathnameDict(next(dicts))
 
         def ask():
@@ -479,7 +479,7 @@ class Fields(ShakingTestCase):
 
     def test_lines_go_to_a_file_that_was_chosen_or_nowhere(self):
         files = [RecordingWriter(), RecordingWriter()]
-        chosen = itertools.cycle([*files, None])
+        chosen = Turns([*files, None])
 
         def write():
             try:
@@ -570,7 +570,7 @@ class Events(ShakingTestCase):
                 for record in list(per_file.fKnownPerCodeObjects)]
 
     def test_breakpoints_come_and_go_while_the_lines_run(self):
-        sets = itertools.cycle([set(), {5}, set(LINES), None, {10_000}])
+        sets = Turns([set(), {5}, set(LINES), None, {10_000}])
 
         def toggle():
             for record in self.known_records():
@@ -616,7 +616,7 @@ class Events(ShakingTestCase):
 
     def test_callbacks_for_new_records_are_replaced_while_records_are_made(self):
         recorders = [Recorder(), Recorder(), None]
-        callbacks = itertools.cycle(recorders)
+        callbacks = Turns(recorders)
 
         def replace():
             CPerCodeObject.SetNewPerCodeObjectCreatedCallback(next(callbacks))
@@ -636,8 +636,8 @@ class Events(ShakingTestCase):
         self.assertEqual((CPerThread._fPerThreadDict, CPerFile._fPerFileDict), ({}, {}))
 
     def test_output_is_switched_on_and_off_while_events_are_logged(self):
-        files = itertools.cycle([RecordingWriter(), None])
-        masks = itertools.cycle([xo.kLogInitialMonitoringCallbacks, xo.kLogThreading, 0, -1])
+        files = Turns([RecordingWriter(), None])
+        masks = Turns([xo.kLogInitialMonitoringCallbacks, xo.kLogThreading, 0, -1])
 
         def switch():
             xo.set_dprintf_file(next(files), None, None)
@@ -664,7 +664,7 @@ class Events(ShakingTestCase):
 
     def test_events_are_switched_on_and_off_and_restarted_while_they_occur(self):
         everything = sum(EVENT_IDS.values())
-        events = itertools.cycle([0, everything])
+        events = Turns([0, everything])
 
         def switch():
             sys.monitoring.set_events(self.tool_id, next(events))
