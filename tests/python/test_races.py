@@ -635,6 +635,26 @@ class Events(ShakingTestCase):
         xo.reset()
         self.assertEqual((CPerThread._fPerThreadDict, CPerFile._fPerFileDict), ({}, {}))
 
+    def test_records_of_threads_die_while_their_threads_decide_events_by_them(self):
+        """The events of the work come to their thread's record and are skipped there; the record goes meanwhile."""
+        CPerCodeObject.SetNewPerCodeObjectCreatedCallback(
+            lambda record: setattr(record, "fEnabledBpLinenos", set()))
+        for callback in self.callbacks.values():
+            callback.fAnySuspendThread = True
+        deaths = itertools.count()
+
+        def discard_all():
+            for record in CPerThread.GetAllPerThreads():
+                weakref.finalize(record, next, deaths)
+                CPerThread._DiscardPerThread(record.fThreadId)
+
+        def detach_all():
+            for record in CPerThread.GetAllPerThreads():
+                xo._CPerThreadTssCache.Detach(record)
+
+        self.shake_events(discard_all, detach_all)
+        self.assertGreater(next(deaths), 0)
+
     def test_output_is_switched_on_and_off_while_events_are_logged(self):
         files = Turns([RecordingWriter(), None])
         masks = Turns([xo.kLogInitialMonitoringCallbacks, xo.kLogThreading, 0, -1])

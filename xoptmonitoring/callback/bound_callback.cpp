@@ -14,7 +14,7 @@ namespace {
 
 using initial_callback::is_call_skipped;
 using initial_callback::is_line_skipped;
-using initial_callback::is_line_skipped_locally;
+using initial_callback::is_skipped_locally;
 using initial_callback::kind_of;
 
 struct BoundCallbackData {
@@ -86,21 +86,22 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
     return none();
 }
 
-/// The interpreter's entry for LINE events without a global lock. Whoever unregisters the callable meanwhile, another
-/// thread or what runs while a breakpoint is compared, finds the note of this call when the callable is finalised.
-PyObject* call_for_local_line(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+/// The interpreter's entry for all of these events without a global lock. Whoever unregisters the callable meanwhile,
+/// another thread or what runs while a breakpoint is compared, finds the note of this call when the callable is
+/// finalised.
+PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     LocalState* local = local_state::find();
     const BoundCallbackData& callback = data(bound);
     const ModuleState* m = callback.class_record->m;
-    if (XPY_UNLIKELY(local == nullptr || vectorcall_nargs(nargsf) < 2 || kwnames != nullptr || m == nullptr ||
+    if (XPY_UNLIKELY(local == nullptr || kwnames != nullptr || m == nullptr ||
                      local->call_count == LocalState::kMostCalls)) {
         return call_bound(bound, args, nargsf, kwnames);
     }
     CallInProgress& call = local->calls[local->call_count++];
     __atomic_store_n(&call.callable, bound, __ATOMIC_RELEASE);
     const auto& fields = instance_data_as<InitialCallbackData>(callback.__self__);
-    PyObject* answer =
-        is_line_skipped_locally(*m, fields, args, *local) ? none() : call_bound(bound, args, nargsf, nullptr);
+    const bool is_skipped = is_skipped_locally(*m, fields, args, vectorcall_nargs(nargsf), *local);
+    PyObject* answer = is_skipped ? none() : call_bound(bound, args, nargsf, nullptr);
     --local->call_count;
     __atomic_store_n(&call.callable, nullptr, __ATOMIC_RELEASE);
     if (XPY_UNLIKELY(__atomic_load_n(&call.kept, __ATOMIC_ACQUIRE) != nullptr)) {
@@ -113,7 +114,7 @@ PyObject* call_for_local_line(PyObject* bound, PyObject* const* args, std::size_
 vectorcallfunc entry_for(const ModuleState& m, PyObject* self) {
     const EventKind kind = kind_of(m.globals, instance_data_as<InitialCallbackData>(self)._fEventId);
     if (!plain::is_fast_road_open()) {
-        return is_free_threaded() && kind == EventKind::Line ? call_for_local_line : call_bound;
+        return is_free_threaded() && kind >= EventKind::Line ? call_locally : call_bound;
     }
     return kind == EventKind::Line ? call_for_line : kind >= EventKind::Start ? call_for_call : call_bound;
 }

@@ -243,15 +243,20 @@ struct FastRoad {
     }
 };
 
-/// A LINE event without a global lock. The code object's record is borrowed, since its slot owns it.
+/// An event without a global lock. The code object's record is borrowed, since its slot owns it; the thread's is there
+/// while the look at it lasts.
 struct LocalEvent {
     const InitialCallbackData& callback;
     PyObject* const* args;
     const LocalState& local;
+    EventKind kind;
     PyObject* per_code_object = nullptr;
+    const PerThreadData* thread_record = nullptr;
+    tss_cache::Look look = {};
 };
 
-/// The road of LINE events where there is no global lock: it ends where other threads' records come in.
+/// The road of nearly every event where there is no global lock. Of the thread's record it only sees which objects its
+/// fields hold. Stopping means that the careful road has to be taken.
 struct LocalRoad : SharedRoad<LocalRoad> {
     using RoadEvent = LocalEvent;
     static constexpr Answer kStop = Answer::Undecided;
@@ -260,16 +265,20 @@ struct LocalRoad : SharedRoad<LocalRoad> {
         return event.callback;
     }
 
-    static EventKind kind(const ModuleState& /*m*/, const LocalEvent& /*event*/) {
-        return EventKind::Line;
+    static EventKind kind(const ModuleState& /*m*/, const LocalEvent& event) {
+        return event.kind;
     }
 
-    static bool is_line(EventKind /*kind*/) {
-        return true;
+    static bool is_line(EventKind kind) {
+        return kind == EventKind::Line;
     }
 
     static const PerCodeObjectData& code_record(const LocalEvent& event) {
         return per_code_object::data(event.per_code_object);
+    }
+
+    static const PerThreadData& thread_record(const LocalEvent& event) {
+        return *event.thread_record;
     }
 
     static bool find_code_record(const ModuleState& m, LocalEvent& event) {
@@ -278,6 +287,16 @@ struct LocalRoad : SharedRoad<LocalRoad> {
         return event.per_code_object != nullptr &&
                as_object(type_of(event.per_code_object)) == load(m.globals.CPerCodeObject) &&
                load(m.quick_extra_index) >= 0 && load(code_record(event).fUpdatePathnameNeeded) == 0;
+    }
+
+    static bool find_thread_record(const ModuleState& m, LocalEvent& event) {
+        TssSlotRecord* slot_record = tss_cache::peek_slot_record();
+        PyObject* per_thread = slot_record != nullptr ? event.look.begin(*slot_record) : nullptr;
+        if (per_thread == nullptr || as_object(type_of(per_thread)) != load(m.globals.CPerThread)) {
+            return false;
+        }
+        event.thread_record = &per_thread::data(per_thread);
+        return per_thread::is_named(m, *event.thread_record);
     }
 
     static bool log(const ModuleState& /*m*/, PyObject* MessageLiterals::* /*text*/) {
@@ -297,6 +316,22 @@ struct LocalRoad : SharedRoad<LocalRoad> {
             xpy.PyErr_Clear();
         }
         return Line::Stop;
+    }
+
+    static Step are_breakpoints_known(const LocalEvent& event) {
+        const PyObject* enabled_bp_linenos = load(code_record(event).fEnabledBpLinenos);
+        return enabled_bp_linenos != nullptr && enabled_bp_linenos != none() ? Step::Yes : Step::Stop;
+    }
+
+    /// The last look at the thread's record: what follows may wait for a lock.
+    static Step is_stepping(LocalEvent& event) {
+        const bool is_not = load(thread_record(event).fSteppingEventsNeeded) == xpy._Py_FalseStruct;
+        event.look.end();
+        return is_not ? Step::No : Step::Stop;
+    }
+
+    static bool suspend(const ModuleState& /*m*/, const LocalEvent& event) {
+        return load(thread_record(event).fCheckSuspendLock) == xpy._Py_FalseStruct;
     }
 };
 
@@ -323,7 +358,7 @@ XPY_ALWAYS_INLINE bool is_line_filter_on(const typename Road::RoadEvent& event) 
 
 /// The last filter.
 template <class Road>
-XPY_ALWAYS_INLINE Answer decide_second(const typename Road::RoadEvent& event, EventKind kind) {
+XPY_ALWAYS_INLINE Answer decide_second(typename Road::RoadEvent& event, EventKind kind) {
     if (kind < EventKind::Line) {
         return Answer::Call;
     }
@@ -363,12 +398,6 @@ XPY_ALWAYS_INLINE Answer decide_by_thread(RoadState<Road>& m, typename Road::Roa
         return Road::kStop;
     }
     return decide_second<Road>(event, Road::kind(m, event));
-}
-
-/// The thread's record is in a registry that all threads share, so the local road ends before it.
-template <>
-XPY_ALWAYS_INLINE Answer decide_by_thread<LocalRoad>(const ModuleState& /*m*/, LocalEvent& /*event*/) {
-    return Answer::Undecided;
 }
 
 /// The whole decision.
@@ -414,14 +443,15 @@ bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, 
     return decide<FastRoad<false>>(m, event) == Answer::Skip;
 }
 
-bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                             const LocalState& local) {
+bool is_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                        Py_ssize_t nargs, const LocalState& local) {
     EventKind kind = EventKind::Unsettled;
     __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
-    if (XPY_UNLIKELY(kind != EventKind::Line || _IsInitialCallbackLogging(m))) {
+    const Py_ssize_t needed = kind == EventKind::Line ? 2 : 1;
+    if (XPY_UNLIKELY(kind < EventKind::Line || nargs < needed || _IsInitialCallbackLogging(m))) {
         return false;
     }
-    LocalEvent event{callback, args, local};
+    LocalEvent event{callback, args, local, kind};
     return decide<LocalRoad>(m, event) == Answer::Skip;
 }
 

@@ -1,4 +1,4 @@
-// What a thread keeps for itself so that its LINE events need no lock that other threads need.
+// What a thread keeps for itself so that its events need no lock that other threads need.
 #include "xoptmonitoring/records/local_state.h"
 
 #include <cstdlib>

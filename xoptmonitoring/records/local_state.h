@@ -1,4 +1,4 @@
-// What a thread keeps for itself so that its LINE events need no lock that other threads need: for interpreters without
+// What a thread keeps for itself so that its events need no lock that other threads need: for interpreters without
 // a global one.
 //
 // It remembers which record belongs to which code object that the thread ran lately. A remembered record is borrowed:

@@ -13,12 +13,14 @@ Ref create(ModuleState& m);
 Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing);
 
 /// Whether there is nothing to ask for the thread's name: it is known, or nobody can tell. Reads fields only.
-/// For a record of the class itself, on the fast road.
+/// For a record of the class itself, on the fast and local roads.
 inline bool is_named(const ModuleState& m, const PerThreadData& record) {
-    if (XPY_LIKELY(record.fThreadName != none())) {
-        return record.fThreadName != nullptr;
+    const PyObject* name = __atomic_load_n(&record.fThreadName, __ATOMIC_RELAXED);
+    if (XPY_LIKELY(name != none())) {
+        return name != nullptr;
     }
-    return class_data_as<PerThreadClassData>(as_type(m.globals.CPerThread))._fGetThreadNameCallback == none();
+    const auto& class_fields = class_data_as<PerThreadClassData>(as_type(m.globals.CPerThread));
+    return __atomic_load_n(&class_fields._fGetThreadNameCallback, __ATOMIC_RELAXED) == none();
 }
 
 /// The thread's name, asked for where it is not known yet. Empty with an exception set.

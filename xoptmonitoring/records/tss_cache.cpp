@@ -5,12 +5,15 @@
 // are freed by their own thread only; another thread that detaches a record zeroes it and leaves it to its owner.
 //
 // Locking: on free-threaded interpreters `_gXOptTssCacheLock` guards the key's creation and every change of slot
-// records and back pointers. Names that end in `_locked` are called with it held. A record whose count has come to
-// zero on another thread stays in its slot until its finaliser gets the lock, and must not be counted up again: Get
-// asks a weak reference for it, which tells the living from the dying.
+// records and back pointers. Names that end in `_locked` are called with it held. A thread may look at what its own
+// slot record names without it; whoever empties the slot record waits for the end of that look. A record whose count
+// has come to zero on another thread stays in its slot until its finaliser gets the lock, and must not be counted up
+// again: Get asks a weak reference for it, which tells the living from the dying.
 #include "xoptmonitoring/records/tss_cache.h"
 
 #include <cstdlib>
+#include <new>
+#include <sched.h>
 
 Py_tss_t* _gXOptPerThreadTssKey = nullptr;
 
@@ -29,13 +32,28 @@ Py_tss_t* ensure_key_locked() {
             xpy.PyThread_tss_free(key);
             return nullptr;
         }
-        _gXOptPerThreadTssKey = key;
+        __atomic_store_n(&_gXOptPerThreadTssKey, key, __ATOMIC_RELEASE);
     }
     return _gXOptPerThreadTssKey;
 }
 
 TssSlotRecord* current_record_locked(Py_tss_t* key) {
     return static_cast<TssSlotRecord*>(xpy.PyThread_tss_get(key));
+}
+
+/// A new slot record that names nothing; null where there is no memory for it.
+TssSlotRecord* new_slot_record() {
+    void* memory = std::aligned_alloc(alignof(TssSlotRecord), sizeof(TssSlotRecord));
+    return memory != nullptr ? new (memory) TssSlotRecord{} : nullptr;
+}
+
+/// Has a slot record name nothing more, and waits until its thread has done looking at what it named.
+void empty_locked(TssSlotRecord& rec) {
+    __atomic_store_n(&rec.tstate, nullptr, __ATOMIC_RELAXED);
+    __atomic_store_n(&rec.per_thread, nullptr, __ATOMIC_SEQ_CST);
+    while (__atomic_load_n(&rec.reader, __ATOMIC_SEQ_CST) == xpy.cached_pid) {
+        sched_yield();
+    }
 }
 
 /// Frees the calling thread's slot record. What it names was checked when it was stored, by this module object or by
@@ -81,7 +99,7 @@ void detach_locked(PerThreadData& per_thread) {
     if (rec == nullptr) {
         return;
     }
-    *rec = {};
+    empty_locked(*rec);
     if (_gXOptPerThreadTssKey != nullptr && current_record_locked(_gXOptPerThreadTssKey) == rec) {
         xpy.PyThread_tss_set(_gXOptPerThreadTssKey, nullptr);
         std::free(rec);
@@ -129,7 +147,7 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     }
     const NativeLock lock(_gXOptTssCacheLock);
     Py_tss_t* key = ensure_key_locked();
-    auto* rec = key != nullptr ? static_cast<TssSlotRecord*>(std::calloc(1, sizeof(TssSlotRecord))) : nullptr;
+    TssSlotRecord* rec = key != nullptr ? new_slot_record() : nullptr;
     if (rec == nullptr) {
         return true;  // the cache is an optimisation
     }
@@ -140,9 +158,10 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     }
     if (owner->_fPyTssDataPtr != nullptr) {
         // Stored by another thread before: that slot must not name it any more.
-        *owner->_fPyTssDataPtr = {};
+        empty_locked(*owner->_fPyTssDataPtr);
     }
-    *rec = {per_thread, xpy.PyThreadState_Get()};
+    rec->tstate = xpy.PyThreadState_Get();
+    rec->per_thread = per_thread;
     owner->_fPyTssDataPtr = rec;
     if (owner->self_reference == nullptr) {
         owner->self_reference = reference.release();

@@ -4,9 +4,13 @@
 #include "xoptmonitoring/records/per_thread_data.h"
 
 /// What a thread's slot points at. The record is borrowed: no reference is held, so the cache keeps nothing alive.
-struct TssSlotRecord {
+/// Aligned so that no two threads' slot records, of which one is written on its thread's events, share a cache line.
+struct alignas(128) TssSlotRecord {
     PyObject* per_thread;   ///< null once detached
     PyThreadState* tstate;  ///< the thread state that was current when the record was stored
+    /// While the slot's thread looks at `per_thread` without the cache's lock: the id of the process, since a forked
+    /// child has a copy of this but not the thread; else 0. Who detaches the record waits for that.
+    pid_t reader;
 };
 
 /// The cache's key: created on first use, under the cache's lock, and kept for the life of the process.
@@ -21,23 +25,57 @@ Ref create(ModuleState& m);
 Ref Get(ModuleState& m);
 
 /// The calling thread's slot record, borrowed; null where there is none or it is not this thread state's. For the fast
-/// road, where objects are plain and a global lock is held.
-inline const TssSlotRecord* peek_slot_record() {
-    if (XPY_UNLIKELY(_gXOptPerThreadTssKey == nullptr)) {
+/// and local roads. The slot record stays while its thread does nothing else.
+inline TssSlotRecord* peek_slot_record() {
+    Py_tss_t* key = __atomic_load_n(&_gXOptPerThreadTssKey, __ATOMIC_ACQUIRE);
+    if (XPY_UNLIKELY(key == nullptr)) {
         return nullptr;
     }
     const PyThreadState* tstate = xpy.PyThreadState_Get();
-    const auto* rec = static_cast<const TssSlotRecord*>(xpy.PyThread_tss_get(_gXOptPerThreadTssKey));
+    auto* rec = static_cast<TssSlotRecord*>(xpy.PyThread_tss_get(key));
     // A detached record names no thread state, and so none that runs.
-    return XPY_LIKELY(rec != nullptr && rec->tstate == tstate) ? rec : nullptr;
+    const bool is_own = rec != nullptr && __atomic_load_n(&rec->tstate, __ATOMIC_RELAXED) == tstate;
+    return XPY_LIKELY(is_own) ? rec : nullptr;
 }
 
-/// The record that a slot record names, borrowed, or null where Get() has to be asked. Only Python code could take it
-/// away. For the fast road.
+/// The record that a slot record names, borrowed, or null where Get() has to be asked. For the fast road, where objects
+/// are plain and a global lock is held: only Python code could take it away.
 inline const PerThreadData* peek(const ModuleState& m, const TssSlotRecord& rec) {
     const bool is_own = as_object(plain::type_of(rec.per_thread)) == m.globals.CPerThread;
     return XPY_LIKELY(is_own) ? &plain::data<PerThreadData>(rec.per_thread) : nullptr;
 }
+
+/// The calling thread's look at the record that its slot record names, without a lock. Other threads can detach the
+/// record and drop it, but wait with that for the end of the look. So the thread reads words meanwhile and nothing
+/// else: it calls nothing that could wait or take long.
+class [[nodiscard]] Look {
+  public:
+    Look() noexcept = default;
+    ~Look() {
+        end();
+    }
+    Look(const Look&) = delete;
+    Look& operator=(const Look&) = delete;
+    Look(Look&&) = delete;
+    Look& operator=(Look&&) = delete;
+
+    /// The record, borrowed until the end of the look; null where it has been detached. The note comes first, so that
+    /// whoever detaches the record now either finds the note or has been found out.
+    PyObject* begin(TssSlotRecord& rec) noexcept {
+        rec_ = &rec;
+        __atomic_store_n(&rec.reader, xpy.cached_pid, __ATOMIC_SEQ_CST);
+        return __atomic_load_n(&rec.per_thread, __ATOMIC_SEQ_CST);
+    }
+    void end() noexcept {
+        if (rec_ != nullptr) {
+            __atomic_store_n(&rec_->reader, 0, __ATOMIC_RELEASE);
+            rec_ = nullptr;
+        }
+    }
+
+  private:
+    TssSlotRecord* rec_ = nullptr;
+};
 
 /// Makes `per_thread` the calling thread's cached record. Does nothing where the slot cannot be had. False with an
 /// exception set.
