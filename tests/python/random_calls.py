@@ -614,8 +614,6 @@ class Round:
                     self.attempt(run_monitored, self.functions[chance.randrange(len(self.functions))], 2)
                 elif chance.random() < 0.2:
                     self.attempt(xo.reset)
-            # A thread that registers its record keeps it cached even where a reset by another came in between.
-            xo._CPerThreadTssCache.Clear()
 
         calls = [worker.begin(shake, random.Random(self.random.random())) for worker in self.workers]
         shake(random.Random(self.random.random()))
