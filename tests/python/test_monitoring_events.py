@@ -1,11 +1,13 @@
 """The first stage registered with the real `sys.monitoring`: real code raises real events."""
 
 import contextlib
+import gc
 import itertools
 import sys
 import textwrap
 import threading
 import unittest
+import weakref
 
 from event_helpers import EVENT_IDS, EventTestCase, Worker, in_new_thread
 from support import NastyError, Recorder, RecordingWriter, xo
@@ -403,6 +405,23 @@ class FailingSecondCallbackTest(MonitoringTestCase):
         self.assertEqual(program.run(), result)
         self.assertGreater(len(self.take_logged()), 30)
         self.assertEqual(self.seen, [])
+
+    def test_a_first_stage_that_is_unregistered_in_its_own_event_dies_after_it(self):
+        """Its callable has no other owner: it must live through the call, and no longer."""
+        for event, event_id in EVENT_IDS.items():
+            with self.subTest(event=event):
+                program = self.make_program()
+                deaths = []
+                for _ in range(5):
+                    callback = self.make_callback(event_id, second=lambda *args: sys.monitoring.register_callback(
+                        self.tool_id, event_id, None))
+                    weakref.finalize(callback, deaths.append, event)
+                    sys.monitoring.register_callback(self.tool_id, event_id, callback.Callback)
+                    del callback
+                    self.switch_on(program, event)
+                    program.run()
+                gc.collect()
+                self.assertEqual(deaths, [event] * 5)
 
     def test_an_exception_of_the_log_itself_reaches_the_program(self):
         program = self.make_program()

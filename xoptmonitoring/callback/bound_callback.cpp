@@ -91,22 +91,20 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
 /// finalised.
 PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     LocalState* local = local_state::find();
+    const Py_ssize_t nargs = vectorcall_nargs(nargsf);
+    CallInProgress* call = local != nullptr ? local_state::begin_call(*local, bound) : nullptr;
     const BoundCallbackData& callback = data(bound);
-    const ModuleState* m = callback.class_record->m;
-    if (XPY_UNLIKELY(local == nullptr || kwnames != nullptr || m == nullptr ||
-                     local->call_count == LocalState::kMostCalls)) {
+    PyObject* self = callback.__self__;
+    ModuleState* m = self != nullptr ? callback.class_record->m : nullptr;
+    if (XPY_UNLIKELY(call == nullptr || nargs == 0 || kwnames != nullptr || m == nullptr)) {
+        if (call != nullptr) {
+            local_state::end_call(*call, bound, self);
+        }
         return call_bound(bound, args, nargsf, kwnames);
     }
-    CallInProgress& call = local->calls[local->call_count++];
-    __atomic_store_n(&call.callable, bound, __ATOMIC_RELEASE);
-    const auto& fields = instance_data_as<InitialCallbackData>(callback.__self__);
-    const bool is_skipped = is_skipped_locally(*m, fields, args, vectorcall_nargs(nargsf), *local);
-    PyObject* answer = is_skipped ? none() : call_bound(bound, args, nargsf, nullptr);
-    --local->call_count;
-    __atomic_store_n(&call.callable, nullptr, __ATOMIC_RELEASE);
-    if (XPY_UNLIKELY(__atomic_load_n(&call.kept, __ATOMIC_ACQUIRE) != nullptr)) {
-        const Ref dropped = Ref::steal(__atomic_exchange_n(&call.kept, nullptr, __ATOMIC_ACQ_REL));
-    }
+    const bool is_skipped = is_skipped_locally(*m, initial_callback::data(self), args, nargs, *local);
+    PyObject* answer = is_skipped ? none() : initial_callback::Callback(*m, self, args, nargs);
+    local_state::end_call(*call, bound, self);
     return answer;
 }
 
@@ -170,8 +168,8 @@ int clear(PyObject* bound) {
 }
 
 void finalize(PyObject* bound) {
-    if (is_free_threaded() && local_state::keep_for_calls(bound)) {
-        return;  // what it holds goes with it, when the call has ended
+    if (is_free_threaded() && data(bound).__self__ != nullptr) {
+        local_state::keep_for_calls(bound, data(bound).__self__);
     }
     data(bound).vectorcall = call_bound;
     finalize_members(bound, object_type, instance_data(bound), kFields,

@@ -105,18 +105,22 @@ void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t ep
     local->records[place_of(code_object)] = {code_object, per_code_object};
 }
 
-bool keep_for_calls(PyObject* callable) {
-    bool is_kept = false;
+void keep_for_calls(PyObject* callable, PyObject* instance) {
+    const auto in_progress = reinterpret_cast<std::uintptr_t>(callable);
     const ListLock lock;
     for (LocalState* local = all_states; local != nullptr; local = local->next) {
         for (CallInProgress& call : local->calls) {
-            if (__atomic_load_n(&call.callable, __ATOMIC_ACQUIRE) == callable) {
-                __atomic_store_n(&call.kept, Ref::share(callable).release(), __ATOMIC_RELEASE);
-                is_kept = true;
+            std::uintptr_t noted = __atomic_load_n(&call.callable, __ATOMIC_ACQUIRE);
+            if (noted != in_progress) {
+                continue;
+            }
+            Ref kept = Ref::share(instance);  // not the last one, so it can be dropped under the lock
+            if (__atomic_compare_exchange_n(&call.callable, &noted, in_progress | 1U, false, __ATOMIC_ACQ_REL,
+                                            __ATOMIC_ACQUIRE)) {
+                static_cast<void>(kept.release());  // the call's
             }
         }
     }
-    return is_kept;
 }
 
 }  // namespace local_state

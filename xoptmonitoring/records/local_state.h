@@ -12,10 +12,9 @@
 /// A callable that its thread is calling, from the interpreter's borrowed reference. Counting it up and down would have
 /// threads fight for its count; so it is noted here, and its finalisation looks for such notes.
 struct CallInProgress {
-    PyObject* callable;  ///< null while there is no call
-    /// What a finalisation took a reference to for the call, which drops it at its end, or null. The object itself and
-    /// no mere mark: one that comes just too late is met by the next call noted here, which may be of another callable.
-    PyObject* kept;
+    /// Null while there is no call. The lowest bit is set once a finalisation has taken a reference for the call, to
+    /// the instance behind the callable.
+    std::uintptr_t callable;
 };
 
 /// Aligned so that no two threads' states, one of which is written on every event, share a cache line.
@@ -29,7 +28,6 @@ struct alignas(128) LocalState {
 
     LocalState* next;  ///< of all threads' states, under their lock
     std::uint64_t epoch;
-    std::size_t call_count;
     CallInProgress calls[kMostCalls];
     Remembered records[kRemembered];
 };
@@ -65,8 +63,30 @@ inline PyObject* recall(const LocalState& local, PyObject* code_object) {
 /// thread's state where it is missing and there is memory for it.
 void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t epoch);
 
-/// Takes a reference to `callable` for each call of it that is in progress, on whatever thread. False where there is
-/// none.
-bool keep_for_calls(PyObject* callable);
+/// Notes a call. Null where so many are in progress already that there is no room. Notes end in any order: what a call
+/// runs may change the thread's stack for another one.
+inline CallInProgress* begin_call(LocalState& local, PyObject* callable) {
+    for (CallInProgress& call : local.calls) {
+        if (XPY_LIKELY(call.callable == 0)) {
+            __atomic_store_n(&call.callable, reinterpret_cast<std::uintptr_t>(callable), __ATOMIC_RELEASE);
+            return &call;
+        }
+    }
+    return nullptr;
+}
+
+/// Ends a noted call of the callable of `instance`. A reference taken in the one moment between the look and the store
+/// is never dropped; to exclude that would cost each event an atomic exchange.
+inline void end_call(CallInProgress& call, PyObject* callable, PyObject* instance) {
+    const std::uintptr_t noted = __atomic_load_n(&call.callable, __ATOMIC_ACQUIRE);
+    __atomic_store_n(&call.callable, 0, __ATOMIC_RELEASE);
+    if (XPY_UNLIKELY(noted != reinterpret_cast<std::uintptr_t>(callable))) {
+        const Ref dropped = Ref::steal(instance);
+    }
+}
+
+/// Takes a reference to `instance` for each call of its `callable` that is in progress, on whatever thread. The caller
+/// has a reference to the instance, and may drop it and the callable afterwards.
+void keep_for_calls(PyObject* callable, PyObject* instance);
 
 }  // namespace local_state
