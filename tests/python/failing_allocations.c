@@ -106,3 +106,13 @@ void* calloc(size_t count, size_t size) {
     }
     return __libc_calloc(count, size);
 }
+
+extern void* __libc_memalign(size_t, size_t);
+
+void* aligned_alloc(size_t alignment, size_t size) {
+    if (is_to_fail()) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    return __libc_memalign(alignment, size);
+}

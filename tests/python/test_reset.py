@@ -421,6 +421,50 @@ class OrderTest(XoTestCase):
         finally:
             CPerThread._fPerThreadDict.pop("foreign", None)
 
+    def test_a_foreign_clean_up_support_is_cleared_once(self):
+        class Support:
+            def __init__(self):
+                self.calls = 0
+
+            def Clear(self):
+                self.calls += 1
+
+        support = CPerThread._fCleanupSupportByThreadId["foreign"] = Support()
+        xo.reset()
+        self.assertEqual(support.calls, 1)
+        self.assertEqual(CPerThread._fCleanupSupportByThreadId, {})
+
+    def test_a_record_that_cannot_be_found_by_its_key_any_more_is_forgotten_as_well(self):
+        class Changing:
+            value = 1
+
+            def __hash__(self):
+                return self.value
+
+        key = Changing()
+        CPerThread(key)
+        key.value = 2
+        xo.reset()
+        self.assertEqual((CPerThread._fPerThreadDict, CPerThread._fCleanupSupportByThreadId), ({}, {}))
+
+    def test_the_registries_are_cleared_by_their_own_methods(self):
+        cleared = []
+
+        class Registry(dict):
+            def clear(self):
+                cleared.append(self.name)
+                super().clear()
+
+        for name in ("_fPerThreadDict", "_fCleanupSupportByThreadId"):
+            registry = Registry()
+            registry.name = name
+            self.addCleanup(setattr, CPerThread, name, {})
+            setattr(CPerThread, name, registry)
+        CPerThread.GetPerThread()
+        xo.reset()
+        self.assertEqual(cleared, ["_fPerThreadDict", "_fCleanupSupportByThreadId"])
+        self.assertEqual(CPerThread._fPerThreadDict, {})
+
     def test_a_foreign_object_among_the_clean_up_supports_stops_after_the_thread_records(self):
         self.fill()
         CPerThread._fCleanupSupportByThreadId["foreign"] = 5

@@ -26,6 +26,31 @@ def forget_registry():
     CPerThread._fCleanupSupportByThreadId.clear()
 
 
+#: Raises each of the five events for one code object, on the calling thread: at first so often that it takes whatever
+#: shorter road there is, and comes to nothing.
+RAISE_EVENTS = """
+            from code_helpers import make_code
+            from event_helpers import EVENT_IDS, SAMPLE
+            code, calls = make_code(SAMPLE), []
+
+            def raise_events():
+                return [call(code, 1) for call in calls]
+
+            def begin_events(seen):
+                def second(*args):
+                    seen.append(args)
+                    return "second"
+
+                xo.CPerCodeObject.GetPerCodeObject(code).fEnabledBpLinenos = set()
+                for event_id in EVENT_IDS.values():
+                    callback = xo.CInitialCallback(event_id, second, False)
+                    callback.fAnySuspendThread = True
+                    calls.append(callback.Callback)
+                for _ in range(3):
+                    assert raise_events() == [None] * 5 and not seen, seen
+"""
+
+
 class StoreAndGetTest(EventTestCase):
 
     def test_get_gives_none_before_anything_is_stored(self):
@@ -306,6 +331,44 @@ class EndOfARecordTest(EventTestCase):
             self.assertIsNone(Cache.Get())
             self.assertIsNone(worker.call(Cache.Get))
 
+    def test_a_record_keeps_its_class(self):
+        class Other(CPerThread):
+            def __del__(self):
+                pass
+
+        record = CPerThread.GetPerThread()
+        with self.assertRaisesRegex(TypeError, "^the class of a CPerThread cannot be changed$"):
+            record.__class__ = Other
+        self.assertIs(type(record), CPerThread)
+        self.assertIs(record.__class__, CPerThread)
+        self.assertIs(Other.__class__, type(CPerThread))
+
+    def test_a_record_whose_class_can_come_to_finalise_otherwise_is_not_cached(self):
+        class Mixin:
+            pass
+
+        class Other(Mixin, CPerThread):
+            pass
+
+        record = Other(SOME_ID)
+        Cache.Store(record)
+        Mixin.__del__ = lambda self: None
+        self.assertIsNone(Cache.Get())
+        forget_registry()
+        gone = weakref.ref(record)
+        del record
+        gc.collect()
+        self.assertIsNone(gone())
+        self.assertIsNone(Cache.Get())
+
+    def test_a_thread_whose_record_is_replaced_by_another_thread_goes_on_with_the_new_one(self):
+        """As when two threads miss the record of one of them at the same time."""
+        with Worker() as worker:
+            own = worker.call(CPerThread.GetPerThread)
+            new = CPerThread(own.fThreadId)
+            self.assertIs(worker.call(CPerThread.GetPerThread), new)
+            self.assertIs(CPerThread.GetPerThread(own.fThreadId), new)
+
     def test_a_record_discarded_between_its_creation_and_its_store_is_not_found_again(self):
         identity = threading.get_ident()
 
@@ -409,6 +472,47 @@ class RecreatedThreadStateTest(EventTestCase):
             assert first == (None, record, record)
             assert under_other == (None, record, record)
             assert last == (None, record, record)
+            """)
+
+    def test_events_are_not_decided_by_the_record_of_another_module_object(self):
+        """A second import of the same file makes a module object of its own, and shares the cache's key with it."""
+        run_python("""
+            import importlib, sys
+            from vorntracer import xoptmonitoring as xo
+            """ + RAISE_EVENTS + """
+            del sys.modules["vorntracer.xoptmonitoring"]
+            other = importlib.import_module("vorntracer.xoptmonitoring")
+            assert other.CPerThread is not xo.CPerThread
+            seen = []
+            xo.CPerThread.GetPerThread().fThreadName = "own"
+            begin_events(seen)
+            xo.CPerThread.GetPerThread().fSteppingEventsNeeded = True
+            not_debugged = other.CPerThread.GetPerThread()
+            not_debugged.fThreadName, not_debugged.fDebugPolicy = "not debugged", 0
+            assert other._CPerThreadTssCache.Get() is not_debugged
+            assert raise_events() == ["second"] * 5, seen
+            """)
+
+    def test_events_under_another_thread_state_are_not_decided_by_the_record_stored_under_the_first(self):
+        self.run_with_helper(RAISE_EVENTS + """
+            not_debugged = CPerThread(1001)
+            not_debugged.fThreadName, not_debugged.fDebugPolicy = "not debugged", 0
+            seen = []
+
+            def begin():
+                own = CPerThread.GetPerThread()
+                own.fThreadName = "own"
+                begin_events(seen)
+                own.fSteppingEventsNeeded = True
+                Cache.Store(not_debugged)
+                return raise_events(), list(seen)
+
+            def go_on():
+                return raise_events(), list(seen)
+
+            first, under_other, last = run_calls(library, "run_under_two_states", begin, go_on, go_on)
+            assert first == ([None] * 5, []), first
+            assert under_other[0] == ["second"] * 5 and len(under_other[1]) == 5, under_other
             """)
 
     def test_a_thread_state_made_after_the_end_of_another_starts_with_a_fresh_record(self):

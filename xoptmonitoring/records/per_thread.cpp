@@ -74,18 +74,26 @@ int is_current_thread(PyObject* thread_id) {
 bool enter_registries(ModuleState& m, PyObject* thread_id, PyObject* per_thread, PyObject* cleanup_support) {
     const Ref records = class_slot(m, &ClassData::_fPerThreadDict);
     const Ref supports = records ? class_slot(m, &ClassData::_fCleanupSupportByThreadId) : Ref();
+    const int is_current = supports ? is_current_thread(thread_id) : -1;
+    if (is_current < 0) {
+        return false;
+    }
     // A record that is replaced, for a reused id, goes after the lock: dropping it can run Python code.
-    const Ref replaced = supports ? dict_get(records.get(), thread_id, m.names.get) : Ref();
-    const Ref replaced_support = replaced ? dict_get(supports.get(), thread_id, m.names.get) : Ref();
-    if (!replaced_support) {
-        return false;
-    }
+    Ref replaced;
+    Ref replaced_support;
     RegistryLock lock(m);
-    if (!lock.is_entered() || !dict_set(records.get(), thread_id, per_thread) ||
-        !dict_set(supports.get(), thread_id, cleanup_support)) {
+    replaced = lock.is_entered() ? dict_get(records.get(), thread_id, m.names.get) : Ref();
+    replaced_support = replaced ? dict_get(supports.get(), thread_id, m.names.get) : Ref();
+    if (!replaced_support || !dict_set(records.get(), thread_id, per_thread) ||
+        !dict_set(supports.get(), thread_id, cleanup_support) || !lock.release()) {
         return false;
     }
-    return lock.release();
+    // Its thread is to meet the record that everybody else knows now.
+    PyTypeObject* cls = this_class(m);
+    if (cls != nullptr && is_current == 0 && is_instance_of(replaced.get(), cls)) {
+        tss_cache::Detach(data(replaced.get()));
+    }
+    return cls != nullptr;
 }
 
 bool _RegisterNewPerThread(ModuleState& m, PyObject* per_thread) {
@@ -434,32 +442,47 @@ bool for_each_value(ModuleState& m, PyObject* ClassData::*slot, Operation operat
     return true;
 }
 
-/// Empties a registry and calls `operation(value)` for each value once it is out. Threads may go on entering theirs:
-/// none is dropped that the operation has not seen.
-template <class Operation>
-bool drain(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
-    const Ref registry = class_slot(m, slot);
-    while (registry) {
-        const Ref keys = Ref::steal(xpy.PyDict_Keys(registry.get()));
-        const Py_ssize_t count = keys ? xpy.PyList_Size(keys.get()) : -1;
-        if (count <= 0) {
-            return count == 0;
-        }
-        for (Py_ssize_t index = 0; index < count; ++index) {
-            PyObject* popped = nullptr;
-            const int found = xpy.PyDict_Pop(registry.get(), xpy.PyList_GetItem(keys.get(), index), &popped);
-            const Ref value = Ref::steal(popped);
-            if (found < 0 || (found > 0 && !operation(value.get()))) {
-                return false;
-            }
-        }
-    }
-    return false;
-}
-
 bool clear_registry(ModuleState& m, PyObject* ClassData::*slot) {
     const Ref registry = class_slot(m, slot);
     return registry && call_method(registry.get(), m.names.clear);
+}
+
+/// One pass of drain(): what it found goes, what comes meanwhile may stay. Returns how many went; -1 with an exception
+/// set.
+template <class Operation>
+Py_ssize_t drain_once(ModuleState& m, PyObject* registry, Operation operation) {
+    const Ref keys = Ref::steal(xpy.PyDict_Keys(registry));
+    const Py_ssize_t count = keys ? xpy.PyList_Size(keys.get()) : -1;
+    Py_ssize_t popped = 0;
+    for (Py_ssize_t index = 0; index < count; ++index) {
+        const Ref value = dict_pop(registry, xpy.PyList_GetItem(keys.get(), index), m.names.pop);
+        if (!value) {
+            return -1;
+        }
+        if (value.get() == none()) {
+            continue;  // somebody else was faster
+        }
+        ++popped;
+        if (!operation(value.get())) {
+            return -1;
+        }
+    }
+    return keys ? popped : -1;
+}
+
+/// Empties a registry and calls `operation(value)` for each value once it is out, of those too that threads go on
+/// entering.
+template <class Operation>
+bool drain(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
+    constexpr int kMostPasses = 100;  // threads that enter and enter could keep this busy for good
+    const Ref registry = class_slot(m, slot);
+    for (int pass = 0; registry && pass < kMostPasses; ++pass) {
+        const Py_ssize_t popped = drain_once(m, registry.get(), operation);
+        if (popped <= 0) {
+            return popped == 0 && clear_registry(m, slot);
+        }
+    }
+    return registry && clear_registry(m, slot);
 }
 
 /// Takes the calling thread's own marker out of its dictionary, while its clean-up is still armed.
@@ -556,6 +579,7 @@ bool reset(ModuleState& m) {
         return record != nullptr;
     };
     const auto disarm = [&m](PyObject* cs) { return thread_exit::disarm(m, cs); };
+    const auto disarm_own = [&m](PyObject* cs) { return thread_exit::disarm_own(m, cs); };
     if (!drop_own_capsule(m) || !for_each_value(m, &ClassData::_fPerThreadDict, detach)) {
         return false;
     }
@@ -563,7 +587,7 @@ bool reset(ModuleState& m) {
     // Once more on their way out: threads that run meanwhile enter and store theirs.
     if (!drain(m, &ClassData::_fPerThreadDict, detach) ||
         !for_each_value(m, &ClassData::_fCleanupSupportByThreadId, disarm) ||
-        !drain(m, &ClassData::_fCleanupSupportByThreadId, disarm) ||
+        !drain(m, &ClassData::_fCleanupSupportByThreadId, disarm_own) ||
         !clear_registry(m, &ClassData::_fCleanedUpThreadIds) ||
         !clear_registry(m, &ClassData::_fDestructorActiveThreadIds)) {
         return false;
@@ -578,9 +602,37 @@ bool reset(ModuleState& m) {
     return true;
 }
 
+namespace {
+
+PyObject* get_class(PyObject* self, void* /*closure*/) {
+    return Ref::share(as_object(type_of(self))).release();
+}
+
+/// Another class may finalise otherwise, and the storage cache would keep what it borrowed.
+int refuse_class(PyObject* /*self*/, PyObject* /*value*/, void* /*closure*/) {
+    xpy.PyErr_SetString(xpy.PyExc_TypeError, "the class of a CPerThread cannot be changed");
+    return -1;
+}
+
+PyGetSetDef fixed_class = {"__class__", get_class, refuse_class, "The record's class, for good.", nullptr};
+
+bool fix_class_of_instances(PyObject* cls) {
+    const Ref descriptor = Ref::steal(xpy.PyDescr_NewGetSet(as_type(cls), &fixed_class));
+    // Not by assignment, which would try to change the class's own class.
+    PyObject* dict = *xpy._PyObject_GetDictPtr(cls);
+    if (!descriptor || xpy.PyDict_SetItemString(dict, fixed_class.name, descriptor.get()) != 0) {
+        return false;
+    }
+    xpy.PyType_Modified(as_type(cls));
+    return true;
+}
+
+}  // namespace
+
 Ref create(ModuleState& m) {
     Ref cls = create_class(m, blueprint<kClass>(finalize), m.types.CPerThread_class);
-    return cls && fill_class_fields(m, as_type(cls.get())) ? std::move(cls) : Ref();
+    const bool made = cls && fix_class_of_instances(cls.get()) && fill_class_fields(m, as_type(cls.get()));
+    return made ? std::move(cls) : Ref();
 }
 
 }  // namespace per_thread

@@ -297,6 +297,14 @@ bool disarm(ModuleState& m, PyObject* cleanup_support) {
     return true;
 }
 
+bool disarm_own(ModuleState& m, PyObject* cleanup_support) {
+    const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
+    if (cls && is_instance_of(cleanup_support, as_type(cls.get()))) {
+        Clear(m, cleanup_support, true);
+    }
+    return static_cast<bool>(cls);
+}
+
 int _IsCapsuleDestructorBeingInvoked(ModuleState& m) {
     const Ref current = thread_ident();
     const Ref active = current ? per_thread::class_slot(m, &ThreadClassData::_fDestructorActiveThreadIds) : Ref();

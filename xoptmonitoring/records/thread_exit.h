@@ -27,6 +27,9 @@ int is_armed(ModuleState& m, PyObject* cleanup_support);
 /// to `Clear()` itself. False with an exception set.
 bool disarm(ModuleState& m, PyObject* cleanup_support);
 
+/// The same for a clean-up of the class only, and nothing for something else. False with an exception set.
+bool disarm_own(ModuleState& m, PyObject* cleanup_support);
+
 /// Whether the calling thread is inside its own clean-up: 1, 0, or -1 with an exception set.
 int _IsCapsuleDestructorBeingInvoked(ModuleState& m);
 

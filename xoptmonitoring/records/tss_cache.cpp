@@ -12,8 +12,9 @@
 #include "xoptmonitoring/records/tss_cache.h"
 
 #include <cstdlib>
+#include <ctime>
 #include <new>
-#include <sched.h>
+#include <pthread.h>
 
 Py_tss_t* _gXOptPerThreadTssKey = nullptr;
 
@@ -43,17 +44,30 @@ TssSlotRecord* current_record_locked(Py_tss_t* key) {
 
 /// A new slot record that names nothing; null where there is no memory for it.
 TssSlotRecord* new_slot_record() {
-    void* memory = std::aligned_alloc(alignof(TssSlotRecord), sizeof(TssSlotRecord));
-    return memory != nullptr ? new (memory) TssSlotRecord{} : nullptr;
+    if (!is_free_threaded()) {
+        return static_cast<TssSlotRecord*>(std::calloc(1, sizeof(TssSlotRecord)));
+    }
+    void* memory = std::aligned_alloc(alignof(SharedTssSlotRecord), sizeof(SharedTssSlotRecord));
+    return memory != nullptr ? new (memory) SharedTssSlotRecord{} : nullptr;
 }
 
 /// Has a slot record name nothing more, and waits until its thread has done looking at what it named.
 void empty_locked(TssSlotRecord& rec) {
     __atomic_store_n(&rec.tstate, nullptr, __ATOMIC_RELAXED);
     __atomic_store_n(&rec.per_thread, nullptr, __ATOMIC_SEQ_CST);
-    while (__atomic_load_n(&rec.reader, __ATOMIC_SEQ_CST) == xpy.cached_pid) {
-        sched_yield();
+    if (is_free_threaded()) {
+        const auto& shared = static_cast<const SharedTssSlotRecord&>(rec);
+        constexpr timespec kMoment = {0, 10'000};
+        while (__atomic_load_n(&shared.reader, __ATOMIC_SEQ_CST) == xpy.cached_pid) {
+            nanosleep(&kMoment, nullptr);  // yielding would not let a thread of lower priority come to its end
+        }
     }
+}
+
+/// In a forked child nobody is left who could give the lock back. Whoever was waiting for it, and was handed it just
+/// then, had not come to change anything yet; the interpreter stops the others elsewhere before it forks.
+void forget_lock() {
+    _gXOptTssCacheLock = {};
 }
 
 /// Frees the calling thread's slot record. What it names was checked when it was stored, by this module object or by
@@ -74,10 +88,11 @@ void _DropCurrentSlot_locked() {
     std::free(rec);
 }
 
-/// Whether the record's end is sure to detach it: a subclass may have put a `__del__` in the finaliser's place, and an
-/// object that has been finalised and came back is not finalised again.
-bool is_cacheable(PyObject* per_thread) {
-    return xpy.PyType_GetSlot(type_of(per_thread), Py_tp_finalize) == reinterpret_cast<void*>(per_thread::finalize) &&
+/// Whether the record's end is sure to detach it: a subclass can have a `__del__` in the finaliser's place, from the
+/// beginning or through another base later on, and an object that has been finalised and came back is not finalised
+/// again.
+bool is_cacheable(ModuleState& m, PyObject* per_thread) {
+    return type_of(per_thread) == per_thread::this_class(m) &&
            (xpy.PyObject_GC_IsFinalized == nullptr || xpy.PyObject_GC_IsFinalized(per_thread) == 0);
 }
 
@@ -137,7 +152,7 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     if (owner == nullptr) {
         return false;
     }
-    if (!is_cacheable(per_thread)) {
+    if (!is_cacheable(m, per_thread)) {
         return true;
     }
     Ref reference = is_free_threaded() ? Ref::steal(xpy.PyWeakref_NewRef(per_thread, nullptr)) : Ref();
@@ -243,6 +258,10 @@ constexpr ClassDecl kClass = {CLASS_NAMES(_CPerThreadTssCache),
 }  // namespace
 
 Ref create(ModuleState& m) {
+    static bool survives_fork = false;
+    if (is_free_threaded() && !survives_fork) {
+        survives_fork = pthread_atfork(nullptr, nullptr, forget_lock) == 0;
+    }
     return create_class(m, blueprint<kClass>(), m.types.CPerThreadTssCache_class);
 }
 

@@ -4,10 +4,14 @@
 #include "xoptmonitoring/records/per_thread_data.h"
 
 /// What a thread's slot points at. The record is borrowed: no reference is held, so the cache keeps nothing alive.
-/// Aligned so that no two threads' slot records, of which one is written on its thread's events, share a cache line.
-struct alignas(128) TssSlotRecord {
+struct TssSlotRecord {
     PyObject* per_thread;   ///< null once detached
     PyThreadState* tstate;  ///< the thread state that was current when the record was stored
+};
+
+/// What it is without a global lock. Aligned so that no two of them, each written on its thread's events, share a cache
+/// line.
+struct alignas(128) SharedTssSlotRecord : TssSlotRecord {
     /// While the slot's thread looks at `per_thread` without the cache's lock: the id of the process, since a forked
     /// child has a copy of this but not the thread; else 0. Who detaches the record waits for that.
     pid_t reader;
@@ -45,9 +49,9 @@ inline const PerThreadData* peek(const ModuleState& m, const TssSlotRecord& rec)
     return XPY_LIKELY(is_own) ? &plain::data<PerThreadData>(rec.per_thread) : nullptr;
 }
 
-/// The calling thread's look at the record that its slot record names, without a lock. Other threads can detach the
-/// record and drop it, but wait with that for the end of the look. So the thread reads words meanwhile and nothing
-/// else: it calls nothing that could wait or take long.
+/// The calling thread's look at the record that its slot record names, without any lock, the global one included. Other
+/// threads can detach the record and drop it, but wait with that for the end of the look. So the thread reads words
+/// meanwhile and nothing else: it calls nothing that could wait or take long.
 class [[nodiscard]] Look {
   public:
     Look() noexcept = default;
@@ -62,8 +66,8 @@ class [[nodiscard]] Look {
     /// The record, borrowed until the end of the look; null where it has been detached. The note comes first, so that
     /// whoever detaches the record now either finds the note or has been found out.
     PyObject* begin(TssSlotRecord& rec) noexcept {
-        rec_ = &rec;
-        __atomic_store_n(&rec.reader, xpy.cached_pid, __ATOMIC_SEQ_CST);
+        rec_ = &static_cast<SharedTssSlotRecord&>(rec);
+        __atomic_store_n(&rec_->reader, xpy.cached_pid, __ATOMIC_SEQ_CST);
         return __atomic_load_n(&rec.per_thread, __ATOMIC_SEQ_CST);
     }
     void end() noexcept {
@@ -74,7 +78,7 @@ class [[nodiscard]] Look {
     }
 
   private:
-    TssSlotRecord* rec_ = nullptr;
+    SharedTssSlotRecord* rec_ = nullptr;
 };
 
 /// Makes `per_thread` the calling thread's cached record. Does nothing where the slot cannot be had. False with an
