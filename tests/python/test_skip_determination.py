@@ -1,11 +1,12 @@
 """What the first stage decides, by direct calls: the whole decision table, and the order of its tests."""
 
+import functools
 import itertools
 import threading
 import unittest
 
-from code_helpers import make_code
-from event_helpers import EVENT_IDS, FOREIGN_EVENT_ID, SAMPLE, EventTestCase
+from code_helpers import in_forked_child, make_code
+from event_helpers import EVENT_IDS, FOREIGN_EVENT_ID, SAMPLE, EventTestCase, in_new_thread
 from support import NastyError, Recorder, RecordingWriter, raising, reentering, xo
 
 CPerCodeObject = xo.CPerCodeObject
@@ -474,6 +475,224 @@ class SecondCallbackFilterTest(DecisionTestCase):
         for event_id in EVENT_IDS.values():
             self.skips(event_id, LINE_WITH_BREAKPOINT)
         self.assertEqual(writer.texts, [])
+
+
+def for_each_event(test):
+    """A test that is made for each of the five events, which the thread has met in this code before."""
+    @functools.wraps(test)
+    def run(self):
+        for name, event_id in EVENT_IDS.items():
+            with self.subTest(event=name):
+                self.meet(event_id)
+                test(self, name)
+    return run
+
+
+class RecentCodeTest(DecisionTestCase):
+    """The decision for code that the thread has run lately, for which there are shorter roads: every change of what it
+    depends on counts at the next event."""
+
+    def setUp(self):
+        super().setUp()
+        self.code, self.record = self.known_code(LINE_WITH_BREAKPOINT)
+        self.thread = self.set_thread(fDebugPolicy=1, fThreadName="main")
+
+    def meet(self, event_id):
+        """Raises the event a few times; the thread's part of the decision comes to "skip" as well."""
+        self.callback = self.make_callback(event_id, True)
+        self.callback.fAnySuspendThread = True
+        self.raise_event = self.callback.Callback
+        for _ in range(3):
+            self.assert_skipped()
+
+    def assert_called(self, lineno=LINE_WITHOUT):
+        self.assertEqual(self.raise_event(self.code, lineno), "second")
+        self.assertEqual(self.second.calls, [(self.code, lineno)])
+        self.second.calls.clear()
+
+    def assert_skipped(self, lineno=LINE_WITHOUT):
+        self.assertIsNone(self.raise_event(self.code, lineno))
+        self.assertEqual(self.second.calls, [])
+
+    @for_each_event
+    def test_a_thread_that_begins_to_step_is_passed_on(self, _):
+        self.thread.fSteppingEventsNeeded = True
+        self.assert_called()
+        self.thread.fSteppingEventsNeeded = False
+        self.assert_skipped()
+
+    @for_each_event
+    def test_a_stepping_thread_that_is_not_debugged_any_more_is_skipped(self, _):
+        self.thread.fSteppingEventsNeeded, self.thread.fDebugPolicy = True, 0
+        self.assert_skipped()
+        self.thread.fSteppingEventsNeeded, self.thread.fDebugPolicy = False, 1
+
+    @for_each_event
+    def test_a_policy_that_is_to_be_asked_for_again_is_not_zero(self, _):
+        self.thread.fDebugPolicy = -1
+        self.assert_skipped()
+        self.thread.fSteppingEventsNeeded = True
+        self.assert_called()
+        self.thread.fSteppingEventsNeeded = False
+
+    @for_each_event
+    def test_a_thread_that_is_to_be_held_passes_through_its_lock(self, _):
+        lock = threading.Lock()
+        self.thread.fSuspendLock, self.thread.fCheckSuspendLock = WatchedLock(lock), True
+        self.assert_skipped()
+        self.assertEqual(self.thread.fSuspendLock.seen, ["acquire", "release"])
+        self.thread.fCheckSuspendLock = False
+        self.assert_skipped()
+        self.assertEqual(self.thread.fSuspendLock.seen, ["acquire", "release"])
+
+    @for_each_event
+    def test_a_lock_is_not_passed_through_while_no_thread_is_to_be_held(self, _):
+        self.thread.fSuspendLock, self.thread.fCheckSuspendLock = WatchedLock(threading.Lock()), True
+        self.callback.fAnySuspendThread = False
+        self.assert_skipped()
+        self.assertEqual(self.thread.fSuspendLock.seen, [])
+        self.thread.fCheckSuspendLock = False
+
+    @for_each_event
+    def test_a_name_that_is_not_known_any_more_is_asked_for(self, _):
+        ask = Recorder(result="a name")
+        CPerThread.SetGetThreadNameCallback(ask)
+        self.assert_skipped()
+        self.assertEqual(ask.calls, [])
+        self.thread.fThreadName = None
+        self.assert_skipped()
+        self.assertEqual(ask.calls, [(self.thread,)])
+        self.assertEqual(self.thread.fThreadName, "a name")
+        CPerThread.SetGetThreadNameCallback(None)
+
+    @for_each_event
+    def test_a_name_is_asked_for_once_somebody_can_tell_it(self, _):
+        self.thread.fThreadName = None
+        self.assert_skipped()
+        ask = Recorder(result="a name")
+        CPerThread.SetGetThreadNameCallback(ask)
+        self.assert_skipped()
+        self.assertEqual(ask.calls, [(self.thread,)])
+        CPerThread.SetGetThreadNameCallback(None)
+
+    @for_each_event
+    def test_code_that_is_stepped_through_is_passed_on(self, _):
+        self.record.fSteppingEventsNeededCount = 1
+        self.assert_called()
+        self.record.fSteppingEventsNeededCount = 0
+        self.assert_skipped()
+
+    @for_each_event
+    def test_code_whose_breakpoints_are_not_known_any_more_is_passed_on(self, _):
+        self.record.fEnabledBpLinenos = None
+        self.assert_called()
+        self.record.fEnabledBpLinenos = {LINE_WITH_BREAKPOINT}
+        self.assert_skipped()
+
+    @for_each_event
+    def test_a_line_that_gets_a_breakpoint_is_passed_on_and_nothing_else_is(self, name):
+        self.record.fEnabledBpLinenos.add(LINE_WITHOUT)
+        self.assert_called() if name == "LINE" else self.assert_skipped()
+        self.record.fEnabledBpLinenos.discard(LINE_WITHOUT)
+        self.assert_skipped()
+
+    @for_each_event
+    def test_returns_and_yields_that_come_to_be_needed_are_passed_on_and_nothing_else_is(self, name):
+        self.record.fReturnEventsNeededCount = 1
+        self.assert_called() if name in ("PY_RETURN", "PY_YIELD") else self.assert_skipped()
+        self.record.fReturnEventsNeededCount = 0
+
+    @for_each_event
+    def test_internal_code_is_switched_off(self, _):
+        self.record.fIsInternal = True
+        self.assertIs(self.raise_event(self.code, LINE_WITHOUT), DISABLE)
+        self.callback._fCanReturnDisable = False
+        self.assert_skipped()
+        self.record.fIsInternal = False
+
+    @for_each_event
+    def test_another_process_is_skipped_whatever_is_wanted(self, _):
+        def in_child():
+            self.assert_skipped()
+            xo.UpdateThisProcessPid()
+            self.assert_called()
+
+        self.thread.fSteppingEventsNeeded = True
+        in_forked_child(in_child)
+        self.assert_called()
+        self.thread.fSteppingEventsNeeded = False
+
+    @for_each_event
+    def test_lines_of_the_log_are_written_from_the_next_event_on(self, _):
+        writer = RecordingWriter()
+        xo.set_dprintf_file(writer, -1, None)
+        xo.set_dprintf_mask(xo.kLogInitialMonitoringCallbacks)
+        self.assert_skipped()
+        xo.set_dprintf_mask(0)
+        xo.set_dprintf_file(None, -1, None)
+        self.assertTrue(writer.texts)
+
+    @for_each_event
+    def test_a_record_that_is_put_in_the_place_of_the_codes_counts(self, _):
+        class Other(CPerCodeObject):
+            pass
+
+        other_index = CPerCodeObject._fCodeObjectExtraIndex
+        if other_index < 0:
+            self.skipTest("records are not kept in code objects here")
+        for cls in (CPerCodeObject, Other):
+            record = cls(self.code, None)
+            record.fEnabledBpLinenos, record.fSteppingEventsNeededCount = set(), 1
+            xo._Code_SetExtra(self.code, other_index, record)
+            self.assert_called()
+        xo._Code_SetExtra(self.code, other_index, self.record)
+        self.assert_skipped()
+
+    @for_each_event
+    def test_a_thread_whose_record_was_discarded_gets_another(self, _):
+        CPerThread._DiscardPerThread(threading.get_ident())
+        self.assert_skipped()
+        new = CPerThread.GetPerThread()
+        self.assertIsNot(new, self.thread)
+        new.fSteppingEventsNeeded = True
+        self.assert_called()
+        new.fSteppingEventsNeeded = False
+        self.thread = new
+
+    @for_each_event
+    def test_a_record_of_a_subclass_in_the_registry_decides_for_its_thread(self, _):
+        class Other(CPerThread):
+            pass
+
+        xo._CPerThreadTssCache.Clear()
+        other = Other(threading.get_ident())
+        other.fThreadName, other.fDebugPolicy, other.fSteppingEventsNeeded = "other", 1, True
+        self.assert_called()
+        CPerThread._DiscardPerThread(threading.get_ident())
+        self.assert_skipped()
+
+    @for_each_event
+    def test_a_thread_with_another_thread_state_does_not_decide_by_the_old_ones_record(self, _):
+        record = CPerThread.GetPerThread()
+        in_new_thread(xo._CPerThreadTssCache.Store, record)
+        self.assert_skipped()
+        self.assertIs(CPerThread.GetPerThread(), record)
+
+
+class WatchedLock:
+    """A lock that notes what is done with it."""
+
+    def __init__(self, lock):
+        self.lock = lock
+        self.seen = []
+
+    def acquire(self):
+        self.seen.append("acquire")
+        return self.lock.acquire()
+
+    def release(self):
+        self.seen.append("release")
+        self.lock.release()
 
 
 if __name__ == "__main__":

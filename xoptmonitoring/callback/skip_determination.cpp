@@ -4,9 +4,10 @@
 // filter; most events end there, without a look at the thread. Then the thread's record, its policy, a wait where the
 // tracer holds the thread, and the last filter.
 //
-// One text, two roads. The careful road can take every step: it makes records, runs Python code, waits, and holds
+// One text, three roads. The careful road can take every step: it makes records, runs Python code, waits, and holds
 // what it needs meanwhile. The fast road borrows everything, which is safe as long as native code runs alone under the
 // global lock, and gives up with "undecided" where a step would do more than read; the careful road then starts anew.
+// So does the local road, which is for interpreters without a global lock and borrows what the thread keeps for itself.
 // What both take from an event they ask the road for; what is inlined by force is so for the fast one's sake.
 #include "xoptmonitoring/callback/skip_determination.h"
 
