@@ -22,7 +22,7 @@ def expect_recursion_error(call, *args):
 """
 
 
-#: The sanitizers need far more of the stack than the interpreter's limit of recursion allows for. A thread's can be had.
+#: The sanitizers need far more of the stack than the limit of recursion allows for. A thread can have that much.
 ON_THE_MAIN_THREAD = "" if is_sanitized() else "run()\n"
 STACK_SIZE = 1 << 30 if is_sanitized() else 0
 
