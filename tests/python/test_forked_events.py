@@ -280,6 +280,37 @@ class DirectCallTest(EventTestCase):
                 may_go_on.set()
                 self.assertIsNotNone(call.result())
 
+    def test_a_fork_amid_events_of_threads_that_share_nothing_leaves_the_child_able_to_work(self):
+        """Each thread has code and a first stage of its own, and a record that comes and goes."""
+        stop = threading.Event()
+
+        def raise_events():
+            code, _ = self.known_code()
+            callback = self.make_callback(xo.kPyReturnEventId)
+            callback.fAnySuspendThread = True
+            raise_event = callback.Callback
+            while not stop.is_set():
+                for _ in range(50):
+                    raise_event(code, None)
+                CPerThread._DiscardPerThread(threading.get_ident())
+
+        def look():
+            xo.reset()
+            code = make_code(SAMPLE)
+            return [self.make_callback(xo.kPyStartEventId).Callback(code, 0),
+                    CPerThread.GetPerThread().fThreadId == threading.get_ident()]
+
+        threads = [threading.Thread(target=raise_events) for _ in range(2)]
+        for thread in threads:
+            thread.start()
+        try:
+            for _ in range(40):
+                self.assertEqual(in_forked_child(look, self.watched_fork), ["second", True])
+        finally:
+            stop.set()
+            for thread in threads:
+                thread.join()
+
     @unittest.skipIf(is_free_threaded(), "without a global lock, a fork may leave the mutex of any object, "
                      "that of a plain list included, locked in the child where other threads compete for it")
     def test_a_fork_amid_events_of_other_threads_leaves_the_child_able_to_work(self):

@@ -607,12 +607,22 @@ class Events(ShakingTestCase):
         self.assertTrue(all(self.calls.values()), self.calls)
 
     def test_first_stages_are_replaced_while_they_are_at_work(self):
+        """Each lives through the calls that are in progress, and no longer."""
+        made, died = itertools.count(), itertools.count()
+
         def replace():
             for name in EVENT_IDS:
                 self.register(name)
+                weakref.finalize(self.callbacks[name], next, died)
+                next(made)
 
         self.shake_events(replace, gc.collect)
         self.assertTrue(all(self.calls.values()), self.calls)
+        for name, event_id in EVENT_IDS.items():
+            sys.monitoring.register_callback(self.tool_id, event_id, None)
+        self.callbacks.clear()
+        gc.collect()
+        self.assertEqual(next(died), next(made))
 
     def test_callbacks_for_new_records_are_replaced_while_records_are_made(self):
         recorders = [Recorder(), Recorder(), None]
@@ -654,6 +664,51 @@ class Events(ShakingTestCase):
 
         self.shake_events(discard_all, detach_all)
         self.assertGreater(next(deaths), 0)
+
+    def test_everything_at_once_in_phases_with_a_reset_between(self):
+        sets = Turns([set(), {5}, set(LINES), None])
+        pathnames = Turns([f"/srv/race/phase{index}.py" for index in range(20)])
+
+        def toggle():
+            for record in self.known_records():
+                record.fEnabledBpLinenos = next(sets)
+
+        def step():
+            for record in CPerThread.GetAllPerThreads():
+                record.fSteppingEventsNeeded = not record.fSteppingEventsNeeded
+
+        def register_pathnames():
+            name = next(pathnames)
+            xo.register_canonical_pathname(name)
+            self.assertIn(CPerFile.GetPerFile(name), CPerFile.GetAllPerFiles())
+
+        def renew():
+            self.codes[0] = compile(WORK, "/srv/race/work0.py", "exec")
+            for name in EVENT_IDS:
+                self.register(name)
+
+        def hold():
+            for record in CPerThread.GetAllPerThreads():
+                lock = record.fSuspendLock
+                if lock is not None and record.fThreadId != me() and lock.acquire(timeout=1):
+                    record.fCheckSuspendLock = self.callbacks["LINE"].fAnySuspendThread = True
+                    lock.release()
+                    record.fCheckSuspendLock = False
+
+        def short_life():
+            thread = threading.Thread(target=self.run_work)
+            thread.start()
+            thread.join()
+
+        def discard_one():
+            for record in CPerThread.GetAllPerThreads()[:1]:
+                CPerThread._DiscardPerThread(record.fThreadId)
+
+        for _ in range(3):
+            self.shake_events(toggle, step, register_pathnames, renew, hold, short_life, discard_one, workers=2)
+            xo.reset()
+            self.assertEqual((CPerThread._fPerThreadDict, CPerFile._fPerFileDict), ({}, {}))
+            self.assertFalse(CPerThread._fRegistryLock.locked())
 
     def test_output_is_switched_on_and_off_while_events_are_logged(self):
         files = Turns([RecordingWriter(), None])

@@ -447,24 +447,6 @@ class OrderTest(XoTestCase):
         xo.reset()
         self.assertEqual((CPerThread._fPerThreadDict, CPerThread._fCleanupSupportByThreadId), ({}, {}))
 
-    def test_the_registries_are_cleared_by_their_own_methods(self):
-        cleared = []
-
-        class Registry(dict):
-            def clear(self):
-                cleared.append(self.name)
-                super().clear()
-
-        for name in ("_fPerThreadDict", "_fCleanupSupportByThreadId"):
-            registry = Registry()
-            registry.name = name
-            self.addCleanup(setattr, CPerThread, name, {})
-            setattr(CPerThread, name, registry)
-        CPerThread.GetPerThread()
-        xo.reset()
-        self.assertEqual(cleared, ["_fPerThreadDict", "_fCleanupSupportByThreadId"])
-        self.assertEqual(CPerThread._fPerThreadDict, {})
-
     def test_a_foreign_object_among_the_clean_up_supports_stops_after_the_thread_records(self):
         self.fill()
         CPerThread._fCleanupSupportByThreadId["foreign"] = 5

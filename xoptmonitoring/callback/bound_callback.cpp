@@ -92,19 +92,17 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
 PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     LocalState* local = local_state::find();
     const Py_ssize_t nargs = vectorcall_nargs(nargsf);
-    CallInProgress* call = local != nullptr ? local_state::begin_call(*local, bound) : nullptr;
     const BoundCallbackData& callback = data(bound);
-    PyObject* self = callback.__self__;
+    PyObject* self = __atomic_load_n(&callback.__self__, __ATOMIC_ACQUIRE);
     ModuleState* m = self != nullptr ? callback.class_record->m : nullptr;
-    if (XPY_UNLIKELY(call == nullptr || nargs == 0 || kwnames != nullptr || m == nullptr)) {
-        if (call != nullptr) {
-            local_state::end_call(*call, bound, self);
-        }
+    const bool is_ordinary = local != nullptr && nargs != 0 && kwnames == nullptr && m != nullptr;
+    CallInProgress* call = XPY_LIKELY(is_ordinary) ? local_state::begin_call(*local, bound) : nullptr;
+    if (XPY_UNLIKELY(call == nullptr)) {
         return call_bound(bound, args, nargsf, kwnames);
     }
     const bool is_skipped = is_skipped_locally(*m, initial_callback::data(self), args, nargs, *local);
     PyObject* answer = is_skipped ? none() : initial_callback::Callback(*m, self, args, nargs);
-    local_state::end_call(*call, bound, self);
+    local_state::end_call(*call);
     return answer;
 }
 
@@ -168,8 +166,14 @@ int clear(PyObject* bound) {
 }
 
 void finalize(PyObject* bound) {
-    if (is_free_threaded() && data(bound).__self__ != nullptr) {
-        local_state::keep_for_calls(bound, data(bound).__self__);
+    Ref instance;
+    if (is_free_threaded()) {
+        // Taken out before the look for calls: one that begins later finds nothing to work with.
+        const ObjectLock lock(bound);
+        instance = Ref::steal(exchange_slot_locked(data(bound).__self__, nullptr));
+    }
+    if (instance) {
+        local_state::keep_for_calls(bound, instance.get());
     }
     data(bound).vectorcall = call_bound;
     finalize_members(bound, object_type, instance_data(bound), kFields,

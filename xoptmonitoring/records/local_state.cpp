@@ -110,13 +110,13 @@ void keep_for_calls(PyObject* callable, PyObject* instance) {
     const ListLock lock;
     for (LocalState* local = all_states; local != nullptr; local = local->next) {
         for (CallInProgress& call : local->calls) {
-            std::uintptr_t noted = __atomic_load_n(&call.callable, __ATOMIC_ACQUIRE);
+            std::uintptr_t noted = __atomic_load_n(&call.noted, __ATOMIC_ACQUIRE);
             if (noted != in_progress) {
                 continue;
             }
             Ref kept = Ref::share(instance);  // not the last one, so it can be dropped under the lock
-            if (__atomic_compare_exchange_n(&call.callable, &noted, in_progress | 1U, false, __ATOMIC_ACQ_REL,
-                                            __ATOMIC_ACQUIRE)) {
+            const std::uintptr_t mark = reinterpret_cast<std::uintptr_t>(instance) | 1U;
+            if (__atomic_compare_exchange_n(&call.noted, &noted, mark, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
                 static_cast<void>(kept.release());  // the call's
             }
         }

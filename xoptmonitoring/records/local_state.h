@@ -12,9 +12,9 @@
 /// A callable that its thread is calling, from the interpreter's borrowed reference. Counting it up and down would have
 /// threads fight for its count; so it is noted here, and its finalisation looks for such notes.
 struct CallInProgress {
-    /// Null while there is no call. The lowest bit is set once a finalisation has taken a reference for the call, to
-    /// the instance behind the callable.
-    std::uintptr_t callable;
+    /// The callable; 0 while there is no call. Once a finalisation has taken a reference for the call: the instance
+    /// behind the callable, with the lowest bit set.
+    std::uintptr_t noted;
 };
 
 /// Aligned so that no two threads' states, one of which is written on every event, share a cache line.
@@ -67,21 +67,19 @@ void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t ep
 /// runs may change the thread's stack for another one.
 inline CallInProgress* begin_call(LocalState& local, PyObject* callable) {
     for (CallInProgress& call : local.calls) {
-        if (XPY_LIKELY(call.callable == 0)) {
-            __atomic_store_n(&call.callable, reinterpret_cast<std::uintptr_t>(callable), __ATOMIC_RELEASE);
+        if (XPY_LIKELY(__atomic_load_n(&call.noted, __ATOMIC_RELAXED) == 0)) {
+            __atomic_store_n(&call.noted, reinterpret_cast<std::uintptr_t>(callable), __ATOMIC_RELEASE);
             return &call;
         }
     }
     return nullptr;
 }
 
-/// Ends a noted call of the callable of `instance`. A reference taken in the one moment between the look and the store
-/// is never dropped; to exclude that would cost each event an atomic exchange.
-inline void end_call(CallInProgress& call, PyObject* callable, PyObject* instance) {
-    const std::uintptr_t noted = __atomic_load_n(&call.callable, __ATOMIC_ACQUIRE);
-    __atomic_store_n(&call.callable, 0, __ATOMIC_RELEASE);
-    if (XPY_UNLIKELY(noted != reinterpret_cast<std::uintptr_t>(callable))) {
-        const Ref dropped = Ref::steal(instance);
+/// Ends a noted call and drops the reference that was taken for it, if any.
+inline void end_call(CallInProgress& call) {
+    const std::uintptr_t noted = __atomic_exchange_n(&call.noted, 0, __ATOMIC_ACQ_REL);
+    if (XPY_UNLIKELY((noted & 1U) != 0)) {
+        const Ref dropped = Ref::steal(reinterpret_cast<PyObject*>(noted - 1));
     }
 }
 

@@ -447,42 +447,35 @@ bool clear_registry(ModuleState& m, PyObject* ClassData::*slot) {
     return registry && call_method(registry.get(), m.names.clear);
 }
 
-/// One pass of drain(): what it found goes, what comes meanwhile may stay. Returns how many went; -1 with an exception
-/// set.
+/// Takes the values of these keys out of a registry, and calls `operation(value)` for each once it is out.
 template <class Operation>
-Py_ssize_t drain_once(ModuleState& m, PyObject* registry, Operation operation) {
-    const Ref keys = Ref::steal(xpy.PyDict_Keys(registry));
-    const Py_ssize_t count = keys ? xpy.PyList_Size(keys.get()) : -1;
-    Py_ssize_t popped = 0;
+bool pop_each(ModuleState& m, PyObject* registry, PyObject* keys, Operation operation) {
+    const Py_ssize_t count = xpy.PyList_Size(keys);
     for (Py_ssize_t index = 0; index < count; ++index) {
-        const Ref value = dict_pop(registry, xpy.PyList_GetItem(keys.get(), index), m.names.pop);
-        if (!value) {
-            return -1;
-        }
-        if (value.get() == none()) {
-            continue;  // somebody else was faster
-        }
-        ++popped;
-        if (!operation(value.get())) {
-            return -1;
+        const Ref value = dict_pop(registry, xpy.PyList_GetItem(keys, index), m.names.pop);
+        if (!value || (value.get() != none() && !operation(value.get()))) {
+            return false;
         }
     }
-    return keys ? popped : -1;
+    return true;
 }
 
-/// Empties a registry and calls `operation(value)` for each value once it is out, of those too that threads go on
-/// entering.
+/// Empties a registry, as pop_each(): of what threads enter meanwhile, too, nothing goes unseen.
 template <class Operation>
 bool drain(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
-    constexpr int kMostPasses = 100;  // threads that enter and enter could keep this busy for good
     const Ref registry = class_slot(m, slot);
-    for (int pass = 0; registry && pass < kMostPasses; ++pass) {
-        const Py_ssize_t popped = drain_once(m, registry.get(), operation);
-        if (popped <= 0) {
-            return popped == 0 && clear_registry(m, slot);
+    // More passes than threads could need that enter their records and enter them again.
+    for (int passes_left = 100; registry && passes_left > 0; --passes_left) {
+        const Ref keys = Ref::steal(xpy.PyDict_Keys(registry.get()));
+        if (!keys || xpy.PyList_Size(keys.get()) == 0) {
+            return static_cast<bool>(keys);
+        }
+        if (!pop_each(m, registry.get(), keys.get(), operation)) {
+            return false;
         }
     }
-    return registry && clear_registry(m, slot);
+    // What is left now is not to be had by its key: its hash has changed, say.
+    return registry && call_method(registry.get(), m.names.clear);
 }
 
 /// Takes the calling thread's own marker out of its dictionary, while its clean-up is still armed.
