@@ -22,7 +22,10 @@ set(XOPT_MODULE_COMPILE_OPTIONS
     -fno-exceptions
     -fno-rtti
     -fno-threadsafe-statics
-    -fno-semantic-interposition)
+    -fno-semantic-interposition
+    # The two words that each thread has of its own (records/) are read on every event, and this reads them without a
+    # call. The C library keeps room for a few such words of libraries that are loaded later.
+    -ftls-model=initial-exec)
 
 if(NOT XOPT_SANITIZE)
   # Nothing to add

@@ -90,7 +90,7 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
 /// another thread or what runs while a breakpoint is compared, finds the note of this call when the callable is
 /// finalised.
 PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
-    LocalState* local = local_state::find();
+    LocalState* local = local_state::current;
     const Py_ssize_t nargs = vectorcall_nargs(nargsf);
     const BoundCallbackData& callback = data(bound);
     PyObject* self = __atomic_load_n(&callback.__self__, __ATOMIC_ACQUIRE);

@@ -30,8 +30,9 @@ class [[nodiscard]] ListLock {
     ListLock& operator=(ListLock&&) = delete;
 };
 
-/// The state of a thread that ends.
+/// The state of a thread that ends. What still runs on it goes without.
 void release(void* state) {
+    local_state::current = nullptr;
     {
         const ListLock lock;
         for (LocalState** place = &all_states; *place != nullptr; place = &(*place)->next) {
@@ -47,7 +48,7 @@ void release(void* state) {
 /// A forked child has one thread, and a lock that nobody will give back. The others' states are left as they are.
 void forget_other_threads() {
     all_states_lock = PTHREAD_MUTEX_INITIALIZER;
-    all_states = local_state::find();
+    all_states = local_state::current;
     if (all_states != nullptr) {
         all_states->next = nullptr;
     }
@@ -61,6 +62,7 @@ LocalState* create() {
         return nullptr;
     }
     auto* local = static_cast<LocalState*>(std::memset(memory, 0, sizeof(LocalState)));
+    local_state::current = local;
     const ListLock lock;
     local->next = std::exchange(all_states, local);
     return local;
@@ -76,9 +78,7 @@ void create_key() {
               (pthread_atfork(nullptr, nullptr, forget_other_threads) == 0 && pthread_key_create(&key, release) == 0);
 }
 
-LocalState* find() {
-    return has_key ? static_cast<LocalState*>(pthread_getspecific(key)) : nullptr;
-}
+constinit thread_local LocalState* current = nullptr;
 
 std::uint64_t current_epoch() {
     return __atomic_load_n(&last_epoch, __ATOMIC_ACQUIRE);
@@ -89,7 +89,7 @@ void begin_epoch() {
 }
 
 void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t epoch) {
-    LocalState* local = find();
+    LocalState* local = current;
     if (local == nullptr && has_key) {
         local = create();
     }

@@ -38,8 +38,8 @@ namespace local_state {
 /// has a state then.
 void create_key();
 
-/// The calling thread's state, or null while it has none.
-LocalState* find();
+/// The calling thread's state, or null while it has none; also under the key, which has it freed at the thread's end.
+extern constinit thread_local LocalState* current;
 
 /// The epoch that has begun last.
 std::uint64_t current_epoch();

@@ -17,6 +17,7 @@
 #include <pthread.h>
 
 Py_tss_t* _gXOptPerThreadTssKey = nullptr;
+constinit thread_local TssSlotRecord* current_slot_record = nullptr;
 
 namespace {
 
@@ -33,13 +34,22 @@ Py_tss_t* ensure_key_locked() {
             xpy.PyThread_tss_free(key);
             return nullptr;
         }
-        __atomic_store_n(&_gXOptPerThreadTssKey, key, __ATOMIC_RELEASE);
+        _gXOptPerThreadTssKey = key;
     }
     return _gXOptPerThreadTssKey;
 }
 
 TssSlotRecord* current_record_locked(Py_tss_t* key) {
     return static_cast<TssSlotRecord*>(xpy.PyThread_tss_get(key));
+}
+
+/// Points the calling thread's slot at a slot record, or at nothing. False where that failed; to empty it never does.
+bool set_current_record_locked(Py_tss_t* key, TssSlotRecord* rec) {
+    if (xpy.PyThread_tss_set(key, rec) != 0) {
+        return false;
+    }
+    current_slot_record = rec;
+    return true;
 }
 
 /// A new slot record that names nothing; null where there is no memory for it.
@@ -78,7 +88,7 @@ void _DropCurrentSlot_locked() {
     if (rec == nullptr) {
         return;
     }
-    xpy.PyThread_tss_set(key, nullptr);
+    set_current_record_locked(key, nullptr);
     if (rec->per_thread != nullptr) {
         PerThreadData& owner = per_thread::data(rec->per_thread);
         if (owner._fPyTssDataPtr == rec) {
@@ -116,7 +126,7 @@ void detach_locked(PerThreadData& per_thread) {
     }
     empty_locked(*rec);
     if (_gXOptPerThreadTssKey != nullptr && current_record_locked(_gXOptPerThreadTssKey) == rec) {
-        xpy.PyThread_tss_set(_gXOptPerThreadTssKey, nullptr);
+        set_current_record_locked(_gXOptPerThreadTssKey, nullptr);
         std::free(rec);
     }
 }
@@ -167,7 +177,7 @@ bool Store(ModuleState& m, PyObject* per_thread) {
         return true;  // the cache is an optimisation
     }
     _DropCurrentSlot_locked();
-    if (xpy.PyThread_tss_set(key, rec) != 0) {
+    if (!set_current_record_locked(key, rec)) {
         std::free(rec);
         return true;
     }

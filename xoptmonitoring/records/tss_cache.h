@@ -20,6 +20,10 @@ struct alignas(128) SharedTssSlotRecord : TssSlotRecord {
 /// The cache's key: created on first use, under the cache's lock, and kept for the life of the process.
 extern Py_tss_t* _gXOptPerThreadTssKey;
 
+/// What the calling thread's slot under that key points at, once more: reading the slot takes two calls, this none. The
+/// two are always set together.
+extern constinit thread_local TssSlotRecord* current_slot_record;
+
 namespace tss_cache {
 
 /// Creates the class and its metaclass. Empty with an exception set.
@@ -31,14 +35,12 @@ Ref Get(ModuleState& m);
 /// The calling thread's slot record, borrowed; null where there is none or it is not this thread state's. For the fast
 /// and local roads. The slot record stays while its thread does nothing else.
 inline TssSlotRecord* peek_slot_record() {
-    Py_tss_t* key = __atomic_load_n(&_gXOptPerThreadTssKey, __ATOMIC_ACQUIRE);
-    if (XPY_UNLIKELY(key == nullptr)) {
+    TssSlotRecord* rec = current_slot_record;
+    if (XPY_UNLIKELY(rec == nullptr)) {
         return nullptr;
     }
-    const PyThreadState* tstate = xpy.PyThreadState_Get();
-    auto* rec = static_cast<TssSlotRecord*>(xpy.PyThread_tss_get(key));
     // A detached record names no thread state, and so none that runs.
-    const bool is_own = rec != nullptr && __atomic_load_n(&rec->tstate, __ATOMIC_RELAXED) == tstate;
+    const bool is_own = __atomic_load_n(&rec->tstate, __ATOMIC_RELAXED) == xpy.PyThreadState_Get();
     return XPY_LIKELY(is_own) ? rec : nullptr;
 }
 
