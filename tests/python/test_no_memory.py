@@ -72,6 +72,8 @@ class NoMemoryTestCase(XoTestCase):
             environment["LD_PRELOAD"] = library
         if ONLY_NATIVE_FAILS:
             environment["XO_FAILING_NATIVE_ONLY"] = "1"
+        # Room for thread-local words of all the copies of the module that a test may load; a program has one.
+        environment["GLIBC_TUNABLES"] = "glibc.rtld.optional_static_tls=65536"
         with mock.patch.dict(os.environ, environment):
             return run_python(prologue + textwrap.dedent(code), timeout=120).stderr
 
