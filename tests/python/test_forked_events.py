@@ -280,6 +280,26 @@ class DirectCallTest(EventTestCase):
                 may_go_on.set()
                 self.assertIsNotNone(call.result())
 
+    def assert_children_work_amid(self, raise_events, stop, forks):
+        """Forks again and again while two threads raise events, until `stop` is set; each child has to be able to
+        reset the module and to decide an event."""
+        def look():
+            xo.reset()
+            code = make_code(SAMPLE)
+            return [self.make_callback(xo.kPyStartEventId).Callback(code, 0),
+                    CPerThread.GetPerThread().fThreadId == threading.get_ident()]
+
+        threads = [threading.Thread(target=raise_events) for _ in range(2)]
+        for thread in threads:
+            thread.start()
+        try:
+            for _ in range(forks):
+                self.assertEqual(in_forked_child(look, self.watched_fork), ["second", True])
+        finally:
+            stop.set()
+            for thread in threads:
+                thread.join()
+
     def test_a_fork_amid_events_of_threads_that_share_nothing_leaves_the_child_able_to_work(self):
         """Each thread has code and a first stage of its own, and a record that comes and goes."""
         stop = threading.Event()
@@ -294,22 +314,7 @@ class DirectCallTest(EventTestCase):
                     raise_event(code, None)
                 CPerThread._DiscardPerThread(threading.get_ident())
 
-        def look():
-            xo.reset()
-            code = make_code(SAMPLE)
-            return [self.make_callback(xo.kPyStartEventId).Callback(code, 0),
-                    CPerThread.GetPerThread().fThreadId == threading.get_ident()]
-
-        threads = [threading.Thread(target=raise_events) for _ in range(2)]
-        for thread in threads:
-            thread.start()
-        try:
-            for _ in range(40):
-                self.assertEqual(in_forked_child(look, self.watched_fork), ["second", True])
-        finally:
-            stop.set()
-            for thread in threads:
-                thread.join()
+        self.assert_children_work_amid(raise_events, stop, 40)
 
     @unittest.skipIf(is_free_threaded(), "without a global lock, a fork may leave the mutex of any object, "
                      "that of a plain list included, locked in the child where other threads compete for it")
@@ -324,22 +329,7 @@ class DirectCallTest(EventTestCase):
                 CPerThread.GetPerThread(1001)
                 CPerThread._DiscardPerThread(1001)
 
-        def look():
-            xo.reset()
-            code = make_code(SAMPLE)
-            return [self.make_callback(xo.kPyStartEventId).Callback(code, 0),
-                    CPerThread.GetPerThread().fThreadId == threading.get_ident()]
-
-        threads = [threading.Thread(target=raise_events) for _ in range(2)]
-        for thread in threads:
-            thread.start()
-        try:
-            for _ in range(20):
-                self.assertEqual(in_forked_child(look, self.watched_fork), ["second", True])
-        finally:
-            stop.set()
-            for thread in threads:
-                thread.join()
+        self.assert_children_work_amid(raise_events, stop, 20)
 
 
 @needs_fork
