@@ -578,6 +578,24 @@ class Events(ShakingTestCase):
 
         self.shake_events(toggle, toggle)
 
+    def test_sets_of_breakpoints_live_while_a_line_is_looked_up_in_them_and_no_longer(self):
+        class OwnSet(set):
+            pass
+
+        made, kinds = [], Turns([set, OwnSet, frozenset])
+
+        def replace():
+            for record in self.known_records():
+                fresh = next(kinds)({5, *range(10_000, 10_100)})
+                made.append(weakref.ref(fresh))
+                record.fEnabledBpLinenos = fresh
+
+        self.shake_events(replace, replace)
+        for record in self.known_records():
+            record.fEnabledBpLinenos = None
+        gc.collect()
+        self.assertEqual([gone() for gone in made], [None] * len(made))
+
     def test_one_set_of_breakpoints_changes_while_the_lines_are_looked_up_in_it(self):
         lines = set()
         CPerCodeObject.SetNewPerCodeObjectCreatedCallback(

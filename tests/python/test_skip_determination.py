@@ -1,9 +1,11 @@
 """What the first stage decides, by direct calls: the whole decision table, and the order of its tests."""
 
 import functools
+import gc
 import itertools
 import threading
 import unittest
+import weakref
 
 from code_helpers import in_forked_child, make_code
 from event_helpers import EVENT_IDS, FOREIGN_EVENT_ID, SAMPLE, EventTestCase, in_new_thread
@@ -595,6 +597,35 @@ class RecentCodeTest(DecisionTestCase):
         self.assert_called() if name == "LINE" else self.assert_skipped()
         self.record.fEnabledBpLinenos.discard(LINE_WITHOUT)
         self.assert_skipped()
+
+    def test_breakpoints_that_are_replaced_while_a_line_is_compared_live_until_the_end_of_that(self):
+        record, alive = self.record, []
+
+        def replace():
+            record.fEnabledBpLinenos = set()
+            gc.collect()
+            alive.append(replaced() is not None)
+
+        class Replacing:
+            """Stands in the set in the place of the line."""
+
+            def __hash__(self):
+                return hash(LINE_WITHOUT)
+
+            def __eq__(self, other):
+                by_whom(replace)
+                return False
+
+        for by_whom in (lambda job: job(), in_new_thread):
+            for _ in range(3):
+                self.meet(xo.kPyLineEventId)
+                breakpoints = {Replacing()}
+                replaced = weakref.ref(breakpoints)
+                record.fEnabledBpLinenos = breakpoints
+                del breakpoints
+                self.assert_skipped()
+                self.assertIsNone(replaced())
+        self.assertEqual(alive, [True] * 6)
 
     @for_each_event
     def test_returns_and_yields_that_come_to_be_needed_are_passed_on_and_nothing_else_is(self, name):

@@ -88,20 +88,27 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
 
 /// The interpreter's entry for all of these events without a global lock. Whoever unregisters the callable meanwhile,
 /// another thread or what runs while a breakpoint is compared, finds the note of this call when the callable is
-/// finalised.
+/// finalised, and leaves the instance with it.
 PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     LocalState* local = local_state::current;
     const Py_ssize_t nargs = vectorcall_nargs(nargsf);
-    const BoundCallbackData& callback = data(bound);
-    PyObject* self = __atomic_load_n(&callback.__self__, __ATOMIC_ACQUIRE);
-    ModuleState* m = self != nullptr ? callback.class_record->m : nullptr;
-    const bool is_ordinary = local != nullptr && nargs != 0 && kwnames == nullptr && m != nullptr;
+    const bool is_ordinary = local != nullptr && nargs != 0 && kwnames == nullptr;
     CallInProgress* call = XPY_LIKELY(is_ordinary) ? local_state::begin_call(*local, bound) : nullptr;
     if (XPY_UNLIKELY(call == nullptr)) {
         return call_bound(bound, args, nargsf, kwnames);
     }
-    const bool is_skipped = is_skipped_locally(*m, initial_callback::data(self), args, nargs, *local);
-    PyObject* answer = is_skipped ? none() : initial_callback::Callback(*m, self, args, nargs);
+    // The note keeps the instance, and not the callable: that is not read again.
+    const BoundCallbackData& callback = data(bound);
+    const ClassRecord* class_record = callback.class_record;
+    PyObject* self = __atomic_load_n(&callback.__self__, __ATOMIC_ACQUIRE);
+    ModuleState* m = self != nullptr ? class_record->m : nullptr;
+    PyObject* answer = none();
+    if (XPY_UNLIKELY(m == nullptr)) {
+        raise_unset();
+        answer = nullptr;
+    } else if (XPY_UNLIKELY(!is_skipped_locally(*m, initial_callback::data(self), args, nargs, *local, *call))) {
+        answer = initial_callback::Callback(*m, self, args, nargs);
+    }
     local_state::end_call(*call);
     return answer;
 }
@@ -173,7 +180,7 @@ void finalize(PyObject* bound) {
         instance = Ref::steal(exchange_slot_locked(data(bound).__self__, nullptr));
     }
     if (instance) {
-        local_state::keep_for_calls(bound, instance.get());
+        local_state::keep_for_borrowers(bound, instance.get());
     }
     data(bound).vectorcall = call_bound;
     finalize_members(bound, object_type, instance_data(bound), kFields,

@@ -250,6 +250,7 @@ struct LocalEvent {
     const InitialCallbackData& callback;
     PyObject* const* args;
     const LocalState& local;
+    CallInProgress& call;
     EventKind kind;
     PyObject* per_code_object = nullptr;
     const PerThreadData* thread_record = nullptr;
@@ -305,8 +306,8 @@ struct LocalRoad : SharedRoad<LocalRoad> {
     }
 
     static Line look_at_line(const LocalEvent& event) {
-        const Ref enabled_bp_linenos = peek_slot(event.per_code_object, code_record(event).fEnabledBpLinenos);
-        if (!enabled_bp_linenos || type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr) {
+        const local_state::Borrowed enabled_bp_linenos(event.call.breakpoints, code_record(event).fEnabledBpLinenos);
+        if (enabled_bp_linenos.get() == nullptr || type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr) {
             return Line::Stop;
         }
         const int enabled = xpy.PySet_Contains(enabled_bp_linenos.get(), event.args[1]);
@@ -445,14 +446,14 @@ bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, 
 }
 
 bool is_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                        Py_ssize_t nargs, const LocalState& local) {
+                        Py_ssize_t nargs, const LocalState& local, CallInProgress& call) {
     EventKind kind = EventKind::Unsettled;
     __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
     const Py_ssize_t needed = kind == EventKind::Line ? 2 : 1;
     if (XPY_UNLIKELY(kind < EventKind::Line || nargs < needed || _IsInitialCallbackLogging(m))) {
         return false;
     }
-    LocalEvent event{callback, args, local, kind};
+    LocalEvent event{callback, args, local, call, kind};
     return decide<LocalRoad>(m, event) == Answer::Skip;
 }
 

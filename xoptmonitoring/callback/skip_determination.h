@@ -40,10 +40,10 @@ bool is_line_skipped(const ModuleState& m, const InitialCallbackData& callback, 
 bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
                      const TssSlotRecord& slot_record);
 
-/// The same for all of these events without a global lock, with what the thread remembers: no lock is taken but that of
-/// the code object's own record, for its set of breakpoints, and none that other code objects or threads need.
+/// The same for all of these events without a global lock, with what the thread remembers in `local` and what it notes
+/// in `call`. The set of breakpoints is locked by its own membership test; no other lock is taken.
 bool is_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                        Py_ssize_t nargs, const LocalState& local);
+                        Py_ssize_t nargs, const LocalState& local, CallInProgress& call);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);

@@ -30,7 +30,8 @@ class [[nodiscard]] ListLock {
     ListLock& operator=(ListLock&&) = delete;
 };
 
-/// The state of a thread that ends. What still runs on it goes without.
+/// The state of a thread that ends. What still runs on it goes without. A reference that was left for a call that the
+/// thread never came back to stays for good: the thread has no state in the interpreter any more, to drop it with.
 void release(void* state) {
     local_state::current = nullptr;
     {
@@ -68,11 +69,39 @@ LocalState* create() {
     return local;
 }
 
+/// Names that end in `_locked` are called with the lock of the list held.
+PyObject* exchange_kept_locked(Note& note, PyObject* kept) {
+    return __atomic_exchange_n(&note.kept, kept, __ATOMIC_RELAXED);
+}
+
+bool is_note_of(const Note& note, PyObject* object) {
+    return __atomic_load_n(&note.borrowed, __ATOMIC_ACQUIRE) == object;
+}
+
+/// Leaves a reference to `kept` with a note of `borrowed`. What has been left already is for the same use of it. The
+/// reference comes from `spare`, and goes back there where it is not needed: to drop one, even if it is not the last,
+/// may take a lock of the interpreter's.
+void keep_for_note_locked(Note& note, PyObject* borrowed, PyObject* kept, Ref& spare) {
+    if (!is_note_of(note, borrowed) || note.kept != nullptr) {
+        return;
+    }
+    if (!spare) {
+        spare = Ref::share(kept);
+    }
+    exchange_kept_locked(note, spare.release());
+    asymmetric_fence::heavy();
+    if (!is_note_of(note, borrowed)) {
+        // Ended meanwhile. Where its thread has seen the reference after all, it waits for the lock and finds none.
+        spare = Ref::steal(exchange_kept_locked(note, nullptr));
+    }
+}
+
 }  // namespace
 
 namespace local_state {
 
 void create_key() {
+    asymmetric_fence::prepare();
     // The C library's own key and not the interpreter's, since that frees what an ending thread leaves.
     has_key = has_key ||
               (pthread_atfork(nullptr, nullptr, forget_other_threads) == 0 && pthread_key_create(&key, release) == 0);
@@ -105,20 +134,20 @@ void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t ep
     local->records[place_of(code_object)] = {code_object, per_code_object};
 }
 
-void keep_for_calls(PyObject* callable, PyObject* instance) {
-    const auto in_progress = reinterpret_cast<std::uintptr_t>(callable);
+void drop_kept(Note& note) {
+    Ref kept;  // dropped after the lock
+    const ListLock lock;
+    kept = Ref::steal(exchange_kept_locked(note, nullptr));
+}
+
+void keep_for_borrowers(PyObject* borrowed, PyObject* kept) {
+    asymmetric_fence::heavy();
+    Ref spare;  // dropped after the lock
     const ListLock lock;
     for (LocalState* local = all_states; local != nullptr; local = local->next) {
         for (CallInProgress& call : local->calls) {
-            std::uintptr_t noted = __atomic_load_n(&call.noted, __ATOMIC_ACQUIRE);
-            if (noted != in_progress) {
-                continue;
-            }
-            Ref kept = Ref::share(instance);  // not the last one, so it can be dropped under the lock
-            const std::uintptr_t mark = reinterpret_cast<std::uintptr_t>(instance) | 1U;
-            if (__atomic_compare_exchange_n(&call.noted, &noted, mark, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
-                static_cast<void>(kept.release());  // the call's
-            }
+            keep_for_note_locked(call.callable, borrowed, kept, spare);
+            keep_for_note_locked(call.breakpoints, borrowed, kept, spare);
         }
     }
 }

@@ -8,13 +8,21 @@
 #pragma once
 
 #include "xoptmonitoring/binding/refs.h"
+#include "xoptmonitoring/runtime/asymmetric_fence.h"
 
-/// A callable that its thread is calling, from the interpreter's borrowed reference. Counting it up and down would have
-/// threads fight for its count; so it is noted here, and its finalisation looks for such notes.
+/// An object that a thread uses without a reference of its own: counting it up and down would have threads fight for its
+/// count. Whoever takes such an object away looks for notes of it first.
+struct Note {
+    PyObject* borrowed;  ///< null while there is none
+    /// What whoever took the object away left for the end of its use: a reference, or null. Under the lock of the list
+    /// of all threads' states; while that is free and this is not null, the use is going on or just ending.
+    PyObject* kept;
+};
+
+/// What a thread borrows for one call of the first stage.
 struct CallInProgress {
-    /// The callable; 0 while there is no call. Once a finalisation has taken a reference for the call: the instance
-    /// behind the callable, with the lowest bit set.
-    std::uintptr_t noted;
+    Note callable;     ///< from the interpreter, which holds no reference during the call
+    Note breakpoints;  ///< the set that a line is looked up in, from the code object's record
 };
 
 /// Aligned so that no two threads' states, one of which is written on every event, share a cache line.
@@ -63,28 +71,72 @@ inline PyObject* recall(const LocalState& local, PyObject* code_object) {
 /// thread's state where it is missing and there is memory for it.
 void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t epoch);
 
+/// Takes the reference that was left for a note that has ended.
+XPY_COLD void drop_kept(Note& note);
+
+/// Notes an object, before the look whether it is still to be found where it was. Whoever reads the note takes what the
+/// thread noted before as done with.
+inline void begin_note(Note& note, PyObject* object) {
+    __atomic_store_n(&note.borrowed, object, __ATOMIC_RELEASE);
+    asymmetric_fence::light();
+}
+
+/// Ends a note. Either whoever took the object away sees that, or what it left is seen here.
+inline void end_note(Note& note) {
+    __atomic_store_n(&note.borrowed, nullptr, __ATOMIC_RELEASE);
+    asymmetric_fence::light();
+    if (XPY_UNLIKELY(__atomic_load_n(&note.kept, __ATOMIC_RELAXED) != nullptr)) {
+        drop_kept(note);
+    }
+}
+
 /// Notes a call. Null where so many are in progress already that there is no room. Notes end in any order: what a call
 /// runs may change the thread's stack for another one.
 inline CallInProgress* begin_call(LocalState& local, PyObject* callable) {
     for (CallInProgress& call : local.calls) {
-        if (XPY_LIKELY(__atomic_load_n(&call.noted, __ATOMIC_RELAXED) == 0)) {
-            __atomic_store_n(&call.noted, reinterpret_cast<std::uintptr_t>(callable), __ATOMIC_RELEASE);
+        if (XPY_LIKELY(__atomic_load_n(&call.callable.borrowed, __ATOMIC_RELAXED) == nullptr)) {
+            begin_note(call.callable, callable);
             return &call;
         }
     }
     return nullptr;
 }
 
-/// Ends a noted call and drops the reference that was taken for it, if any.
 inline void end_call(CallInProgress& call) {
-    const std::uintptr_t noted = __atomic_exchange_n(&call.noted, 0, __ATOMIC_ACQ_REL);
-    if (XPY_UNLIKELY((noted & 1U) != 0)) {
-        const Ref dropped = Ref::steal(reinterpret_cast<PyObject*>(noted - 1));
-    }
+    end_note(call.callable);
 }
 
-/// Takes a reference to `instance` for each call of its `callable` that is in progress, on whatever thread. The caller
-/// has a reference to the instance, and may drop it and the callable afterwards.
-void keep_for_calls(PyObject* callable, PyObject* instance);
+/// What a slot of a living object holds, borrowed under a note. Whoever writes to such a slot calls `keep_for_borrowers`
+/// with what was there, after the slot's owner has been unlocked and before it drops it.
+class [[nodiscard]] Borrowed {
+  public:
+    Borrowed(Note& note, PyObject* const& slot) noexcept
+        : note_(note), object_(__atomic_load_n(&slot, __ATOMIC_ACQUIRE)) {
+        begin_note(note_, object_);
+        if (XPY_UNLIKELY(__atomic_load_n(&slot, __ATOMIC_ACQUIRE) != object_)) {
+            object_ = nullptr;  // who took it away need not have seen the note
+        }
+    }
+    ~Borrowed() {
+        end_note(note_);
+    }
+    Borrowed(const Borrowed&) = delete;
+    Borrowed& operator=(const Borrowed&) = delete;
+    Borrowed(Borrowed&&) = delete;
+    Borrowed& operator=(Borrowed&&) = delete;
+
+    /// The object; null where the slot is empty, or has been changed just then.
+    PyObject* get() const noexcept {
+        return object_;
+    }
+
+  private:
+    Note& note_;
+    PyObject* object_;
+};
+
+/// Leaves a reference to `kept` with every note of `borrowed`, on whatever thread. The caller has taken `borrowed` away
+/// from where it can be found, has a reference to `kept`, holds no lock, and may drop both afterwards.
+void keep_for_borrowers(PyObject* borrowed, PyObject* kept);
 
 }  // namespace local_state

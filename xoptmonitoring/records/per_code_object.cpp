@@ -24,13 +24,22 @@ using ClassData = PerCodeObjectClassData;
 /// How many frames outside the given one are searched for the frame that runs a frozen module's code.
 constexpr int kDepthGuard = 100;
 
+/// Threads that are looking a line up in what was the set may go on with it. There is nothing to look up in None, which
+/// stays in any case.
+void let_breakpoints_go(PyObject* old) {
+    if (is_free_threaded() && old != none()) {
+        local_state::keep_for_borrowers(old, old);
+    }
+}
+
 #define FIELD(name, type, doc) \
     { #name, FieldType::type, offsetof(Data, name), 0, doc }
 constexpr FieldDecl kFields[] = {
     FIELD(fCodeObjectWeakRef, Object, "Weak reference to the code object."),
     FIELD(fPathnameToReport, Object, "The pathname under which the debugger reports this code."),
     FIELD(fCanonicalPathname, Object, "The canonical form of that pathname; None for pseudo names."),
-    FIELD(fEnabledBpLinenos, Object, "set of the line numbers with enabled breakpoints; None while not known."),
+    {"fEnabledBpLinenos", FieldType::Object, offsetof(Data, fEnabledBpLinenos), 0,
+     "set of the line numbers with enabled breakpoints; None while not known.", nullptr, let_breakpoints_go},
     FIELD(fSteppingEventsNeededCount, Int, "How many reasons there are to see line events of this code."),
     FIELD(fReturnEventsNeededCount, Int, "How many reasons there are to see return events of this code."),
     FIELD(fIsInternalKnown, Bool, "Whether fIsInternal has been settled."),
@@ -38,6 +47,7 @@ constexpr FieldDecl kFields[] = {
     FIELD(fUpdatePathnameNeeded, Bool, "Whether the pathname has to be worked out again once a frame is at hand."),
 };
 #undef FIELD
+constexpr const FieldDecl& kBreakpointsField = kFields[3];
 
 /// Keeps ModuleState::quick_extra_index up to date; a subclass has no say in it.
 void update_quick_index(void* class_data) {
@@ -48,6 +58,9 @@ void update_quick_index(void* class_data) {
     const bool is_open =
         (plain::is_fast_road_open() || is_free_threaded()) && fields._fCodeObjectExtraIndex == fields.reserved_index;
     __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_RELAXED);
+    if (is_free_threaded()) {
+        local_state::begin_epoch();  // what a thread has just found in the dictionary is not to be remembered
+    }
 }
 
 #define FIELD(name, type, doc) \
@@ -249,7 +262,7 @@ bool initialise(ModuleState& m, PyObject* self, PyObject* code_object, PyObject*
     store_field(self, record.fCodeObjectWeakRef, std::move(reference));
     store_field(self, record.fPathnameToReport, std::move(pathname_to_report));
     store_field(self, record.fCanonicalPathname, Ref::share(canonical_pathname.get()));
-    store_field(self, record.fEnabledBpLinenos, new_none());
+    replace_member(self, record.fEnabledBpLinenos, kBreakpointsField, new_none());
     __atomic_store_n(&record.fSteppingEventsNeededCount, 0, __ATOMIC_RELAXED);
     __atomic_store_n(&record.fReturnEventsNeededCount, 0, __ATOMIC_RELAXED);
     set_flag(record.fIsInternalKnown, !update_pathname_needed);

@@ -61,14 +61,16 @@ TssSlotRecord* new_slot_record() {
     return memory != nullptr ? new (memory) SharedTssSlotRecord{} : nullptr;
 }
 
-/// Has a slot record name nothing more, and waits until its thread has done looking at what it named.
+/// Has a slot record name nothing more, and waits until its thread, if that is another one, has done looking at what it
+/// named.
 void empty_locked(TssSlotRecord& rec) {
     __atomic_store_n(&rec.tstate, nullptr, __ATOMIC_RELAXED);
-    __atomic_store_n(&rec.per_thread, nullptr, __ATOMIC_SEQ_CST);
-    if (is_free_threaded()) {
+    __atomic_store_n(&rec.per_thread, nullptr, __ATOMIC_RELEASE);
+    if (is_free_threaded() && &rec != current_slot_record) {
         const auto& shared = static_cast<const SharedTssSlotRecord&>(rec);
         constexpr timespec kMoment = {0, 10'000};
-        while (__atomic_load_n(&shared.reader, __ATOMIC_SEQ_CST) == xpy.cached_pid) {
+        asymmetric_fence::heavy();
+        while (__atomic_load_n(&shared.reader, __ATOMIC_ACQUIRE) == xpy.cached_pid) {
             nanosleep(&kMoment, nullptr);  // yielding would not let a thread of lower priority come to its end
         }
     }

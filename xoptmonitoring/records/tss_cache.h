@@ -2,6 +2,7 @@
 #pragma once
 
 #include "xoptmonitoring/records/per_thread_data.h"
+#include "xoptmonitoring/runtime/asymmetric_fence.h"
 
 /// What a thread's slot points at. The record is borrowed: no reference is held, so the cache keeps nothing alive.
 struct TssSlotRecord {
@@ -69,8 +70,9 @@ class [[nodiscard]] Look {
     /// whoever detaches the record now either finds the note or has been found out.
     PyObject* begin(TssSlotRecord& rec) noexcept {
         rec_ = &static_cast<SharedTssSlotRecord&>(rec);
-        __atomic_store_n(&rec_->reader, xpy.cached_pid, __ATOMIC_SEQ_CST);
-        return __atomic_load_n(&rec.per_thread, __ATOMIC_SEQ_CST);
+        __atomic_store_n(&rec_->reader, xpy.cached_pid, __ATOMIC_RELAXED);
+        asymmetric_fence::light();
+        return __atomic_load_n(&rec.per_thread, __ATOMIC_ACQUIRE);
     }
     void end() noexcept {
         if (rec_ != nullptr) {

@@ -57,20 +57,22 @@ inline Ref peek_slot(PyObject* owner, PyObject* const& slot) {
 }
 
 /// Puts `value` into `slot` and returns what was there; the caller holds the owner's lock. One whole word is written,
-/// because some readers only look which object is there, and take no lock for that.
+/// after what it points at, because some readers take no lock: they only look which object is there, or borrow it under
+/// a note.
 inline PyObject* exchange_slot_locked(PyObject*& slot, PyObject* value) {
     PyObject* old = slot;
-    __atomic_store_n(&slot, value, __ATOMIC_RELAXED);
+    __atomic_store_n(&slot, value, __ATOMIC_RELEASE);
     return old;
 }
 
-/// Replaces what `slot` of `owner` holds; the old value is dropped after the lock.
-inline void put_slot(PyObject* owner, PyObject*& slot, Ref value) {
+/// Replaces what `slot` of `owner` holds; returns the old value, which is to be dropped after the lock.
+inline Ref exchange_slot(PyObject* owner, PyObject*& slot, Ref value) {
     PyObject* fresh = value.release();
-    PyObject* old = nullptr;
-    {
-        const ObjectLock lock(owner);
-        old = exchange_slot_locked(slot, fresh);
-    }
-    const Ref dropped = Ref::steal(old);
+    const ObjectLock lock(owner);
+    return Ref::steal(exchange_slot_locked(slot, fresh));
+}
+
+/// Replaces what `slot` of `owner` holds and drops the old value.
+inline void put_slot(PyObject* owner, PyObject*& slot, Ref value) {
+    const Ref dropped = exchange_slot(owner, slot, std::move(value));
 }

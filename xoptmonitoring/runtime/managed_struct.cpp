@@ -37,11 +37,19 @@ void finalize_members(PyObject* self, PyTypeObject* base, void* data, std::span<
     }
     for (const FieldDecl& field : fields) {
         if (is_object_field(field)) {
-            put_slot(self, field_at<PyObject*>(data, field), Ref());  // `__del__` can be called on a living object
+            // `__del__` can be called on a living object.
+            replace_member(self, field_at<PyObject*>(data, field), field, Ref());
         }
     }
     if (xpy.PyErr_Occurred() != nullptr) {
         xpy.PyErr_FormatUnraisable(where);
+    }
+}
+
+void replace_member(PyObject* owner, PyObject*& slot, const FieldDecl& field, Ref value) {
+    const Ref old = exchange_slot(owner, slot, std::move(value));
+    if (old && field.let_go != nullptr) {
+        field.let_go(old.get());
     }
 }
 
@@ -120,6 +128,6 @@ int write_member(PyObject* owner, void* data, const FieldDecl& field, PyObject* 
         raise_final_already_set(field.name, owner);
         return -1;
     }
-    put_slot(owner, slot, Ref::share(value));
+    replace_member(owner, slot, field, Ref::share(value));
     return 0;
 }

@@ -31,6 +31,9 @@ struct FieldDecl {
     const char* doc;
     /// For an Int: called with the data block after each assignment, for what is derived from the field.
     void (*changed)(void* data) = nullptr;
+    /// For an Object: called with what has been taken out of the field, before it is dropped; for who uses it without a
+    /// reference. Not called where the object itself is being freed or is garbage, since nobody uses its fields then.
+    void (*let_go)(PyObject* old) = nullptr;
 };
 
 constexpr bool is_object_field(const FieldDecl& field) {
@@ -61,6 +64,9 @@ Ref read_member(PyObject* owner, void* data, const FieldDecl& field);
 /// Sets a field as an attribute assignment does: checked by its type, refused where it is read-only or final, and
 /// never deleted. Returns 0, or -1 with an exception set.
 int write_member(PyObject* owner, void* data, const FieldDecl& field, PyObject* value);
+
+/// Replaces what `slot`, the field's place in the data block, holds.
+void replace_member(PyObject* owner, PyObject*& slot, const FieldDecl& field, Ref value);
 
 /// Raises AttributeError "readonly attribute: NAME".
 XPY_COLD void raise_readonly(const char* name);
