@@ -23,7 +23,6 @@ import sysconfig
 import tempfile
 import textwrap
 import unittest
-from unittest import mock
 
 from vorntracer import xoptmonitoring as xo
 
@@ -98,6 +97,8 @@ class XoTestCase(unittest.TestCase):
 
     def patch(self, target, name, value):
         """Replaces `target.name` by `value` until the test ends, and returns `value`."""
+        from unittest import mock  # a second's work in debug builds, and hundreds of processes do without
+
         patcher = mock.patch.object(target, name, value)
         patcher.start()
         self.addCleanup(patcher.stop)

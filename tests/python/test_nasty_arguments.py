@@ -23,6 +23,9 @@ BROKEN_PROTOCOL = ("without setting an exception", "with an exception set")
 
 TIMEOUT = 240
 
+#: One entry in so many collects garbage. It would take nearly all of the time where every collection is a whole one.
+COLLECTED = 8
+
 #: Not re-entrant: the module holds it while it changes the registries of threads, where a key's hash may run.
 REGISTRY_LOCK = xo.CPerThread._fRegistryLock
 
@@ -31,6 +34,7 @@ REGISTRY_LOCK = xo.CPerThread._fRegistryLock
 
 
 inside = []
+entries = itertools.count()
 
 
 def reenter():
@@ -41,7 +45,8 @@ def reenter():
     try:
         if not REGISTRY_LOCK.locked():  # ending a thread's record takes it
             xo.reset()
-            gc.collect(0)
+            if next(entries) % COLLECTED == 0:
+                gc.collect(0)
         xo.get_canonical_pathname("/reentered.py")
         xo.CPerFile.GetPerFile("/reentered.py")
         xo.CPerThread.GetAllPerThreads()
@@ -369,52 +374,53 @@ def meet_classes():
     return meeting
 
 
-def run(part, *args):
-    """What a child process does: one part of the surface, silently, with a time limit of its own."""
+def run(*parts):
+    """What a child process does: some parts of the surface, each a function above and its arguments, silently, with a
+    time limit of its own."""
     sys.unraisablehook = lambda unraisable: None  # what the values raise when they are released
     faulthandler.dump_traceback_later(time_limit(TIMEOUT) - 10, exit=True)
-    meeting = globals()[part](*args)
-    for _ in range(3):
-        gc.collect()
+    for part, *args in parts:
+        meeting = globals()[part](*args)
+        for _ in range(3):
+            gc.collect()
+        assert meeting.calls > 50, (part, meeting.calls)
     faulthandler.cancel_dump_traceback_later()
-    assert meeting.calls > 50, meeting.calls
 
 
 class NastyArguments(XoTestCase):
 
-    def survive(self, part, *args):
+    def survive(self, *parts):
         run_python(f"""
             import test_nasty_arguments
-            test_nasty_arguments.run({part!r}, *{args!r})
+            test_nasty_arguments.run(*{parts!r})
         """, timeout=TIMEOUT)
 
+    def survive_functions(self, *names):
+        self.survive(("meet_functions", names))
+
     def test_the_diagnostic_functions_survive(self):
-        self.survive("meet_functions", ["set_dprintf_file", "set_dprintf_mask", "get_dprintf_mask",
-                                        "dprintf"])
+        self.survive_functions("set_dprintf_file", "set_dprintf_mask", "get_dprintf_mask", "dprintf")
 
     def test_the_pathname_functions_survive(self):
-        self.survive("meet_functions", [
+        self.survive_functions(
             "GetPathnameKind", "lookup_canonical_pathname", "register_canonical_pathname",
-            "get_canonical_pathname", "SetInternalPathnameDict", "IsInternalPathname"])
+            "get_canonical_pathname", "SetInternalPathnameDict", "IsInternalPathname")
 
     def test_the_checksum_functions_survive(self):
-        self.survive("meet_functions", ["set_checksum_callback", "get_checksum_callback",
-                                        "_get_checksum_for_pathname"])
+        self.survive_functions("set_checksum_callback", "get_checksum_callback", "_get_checksum_for_pathname")
 
     def test_the_code_object_functions_survive(self):
-        self.survive("meet_functions", ["_Code_RequestExtraIndexForOwnedRef", "_Code_GetExtra",
-                                        "_Code_SetExtra"])
+        self.survive_functions("_Code_RequestExtraIndexForOwnedRef", "_Code_GetExtra", "_Code_SetExtra")
 
     def test_the_frame_functions_survive(self):
-        self.survive("meet_functions", ["_GetPythonFrame", "_FrameCodeMatches", "IsInternalFrame",
-                                        "GetNonInternalFrame"])
+        self.survive_functions("_GetPythonFrame", "_FrameCodeMatches", "IsInternalFrame", "GetNonInternalFrame")
 
     def test_the_thread_and_process_functions_survive(self):
-        self.survive("meet_functions", ["_GetPid", "_GetThreadIdent", "_GetThreadStateDict",
-                                        "UpdateThisProcessPid", "AddToThreadStateTracing"])
+        self.survive_functions("_GetPid", "_GetThreadIdent", "_GetThreadStateDict", "UpdateThisProcessPid",
+                               "AddToThreadStateTracing")
 
     def test_the_remaining_functions_survive(self):
-        self.survive("meet_functions", ["_CallNewObjectCallback", "reset", "_bench_callback"])
+        self.survive_functions("_CallNewObjectCallback", "reset", "_bench_callback")
 
     def test_every_function_is_met_somewhere(self):
         with open(__file__, encoding="utf-8") as f:
@@ -422,28 +428,28 @@ class NastyArguments(XoTestCase):
         self.assertEqual([name for name in interface.FUNCTIONS if f'"{name}"' not in met], [])
 
     def test_the_constructors_survive(self):
-        self.survive("meet_constructors")
+        self.survive(("meet_constructors",))
 
     def test_the_module_object_survives(self):
-        self.survive("meet_module")
+        self.survive(("meet_module",))
 
     def test_the_classes_as_objects_survive(self):
-        self.survive("meet_classes")
+        self.survive(("meet_classes",))
 
 
 def add_class_tests():
-    """One test for the methods, the fields and the class-level fields of each class."""
+    """One test for each class: for its methods, its fields and its class-level fields."""
     for path, table in interface.CLASSES.items():
         name = path.replace(".", "_").strip("_")
-        parts = {"meet_methods": table.methods or table.class_methods, "meet_fields": table.fields,
-                 "meet_class_fields": table.class_fields}
-        for part, offered in parts.items():
-            if offered:
-                def test(self, part=part, path=path):
-                    self.survive(part, path)
+        offers = {"meet_methods": table.methods or table.class_methods, "meet_fields": table.fields,
+                  "meet_class_fields": table.class_fields}
+        parts = [(part, path) for part, offered in offers.items() if offered]
 
-                test.__name__ = f"test_the_{part.partition('_')[2]}_of_{name}_survive"
-                setattr(NastyArguments, test.__name__, test)
+        def test(self, parts=parts):
+            self.survive(*parts)
+
+        test.__name__ = f"test_the_methods_and_fields_of_{name}_survive"
+        setattr(NastyArguments, test.__name__, test)
 
 
 add_class_tests()

@@ -6,6 +6,7 @@ shows as well. What the measurement itself takes is measured with a callable tha
 """
 
 import contextlib
+import functools
 import gc
 import itertools
 import operator
@@ -169,6 +170,7 @@ class SkipPathTest(EventTestCase):
         self.assertEqual(self.second.calls, [])
 
     def test_no_memory_is_taken_on_any_skip_path(self):
+        @functools.cache
         def bench(callback, code):
             return memory_rise(lambda: xo._bench_callback(callback, code, CALLS))
 
