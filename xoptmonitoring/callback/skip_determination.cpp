@@ -305,12 +305,13 @@ struct LocalRoad : SharedRoad<LocalRoad> {
         return true;
     }
 
-    static Line look_at_line(const LocalEvent& event) {
-        const local_state::Borrowed enabled_bp_linenos(event.call.breakpoints, code_record(event).fEnabledBpLinenos);
+    /// Takes what it needs of an event, and not the event: that can then be kept in registers.
+    static Line look_up(Note& note, PyObject* const& slot, PyObject* lineno_obj) {
+        const local_state::Borrowed enabled_bp_linenos(note, slot);
         if (enabled_bp_linenos.get() == nullptr || type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr) {
             return Line::Stop;
         }
-        const int enabled = xpy.PySet_Contains(enabled_bp_linenos.get(), event.args[1]);
+        const int enabled = xpy.PySet_Contains(enabled_bp_linenos.get(), lineno_obj);
         if (XPY_LIKELY(enabled == 0)) {
             return Line::NotEnabled;
         }
@@ -318,6 +319,10 @@ struct LocalRoad : SharedRoad<LocalRoad> {
             xpy.PyErr_Clear();
         }
         return Line::Stop;
+    }
+
+    static Line look_at_line(const LocalEvent& event) {
+        return look_up(event.call.breakpoints, code_record(event).fEnabledBpLinenos, event.args[1]);
     }
 
     static Step are_breakpoints_known(const LocalEvent& event) {
