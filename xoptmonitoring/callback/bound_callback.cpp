@@ -13,8 +13,9 @@
 namespace {
 
 using initial_callback::is_call_skipped;
+using initial_callback::is_call_skipped_locally;
 using initial_callback::is_line_skipped;
-using initial_callback::is_skipped_locally;
+using initial_callback::is_line_skipped_locally;
 using initial_callback::kind_of;
 
 struct BoundCallbackData {
@@ -86,40 +87,63 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
     return none();
 }
 
-/// The interpreter's entry for all of these events without a global lock. Whoever unregisters the callable meanwhile,
-/// another thread or what runs while a breakpoint is compared, finds the note of this call when the callable is
-/// finalised, and leaves the instance with it.
+/// The rest of a noted call that the local road leaves undecided. The module state is null after teardown.
+XPY_COLD PyObject* finish_in_full(ModuleState* m, PyObject* self, PyObject* const* args, Py_ssize_t nargs,
+                                  CallInProgress& call) {
+    PyObject* answer = nullptr;
+    if (m != nullptr) {
+        answer = initial_callback::Callback(*m, self, args, nargs);
+    } else {
+        raise_unset();
+    }
+    local_state::end_call(call);
+    return answer;
+}
+
+/// The interpreter's entries for LINE events and for those that start or end a call, without a global lock. Whoever
+/// unregisters the callable meanwhile, another thread or what runs while a breakpoint is compared, finds the note of
+/// this call when the callable is finalised, and leaves the instance with it. The thread's slot comes first here too.
+template <bool kIsLine>
 PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
-    LocalState* local = local_state::current;
     const Py_ssize_t nargs = vectorcall_nargs(nargsf);
-    const bool is_ordinary = local != nullptr && nargs != 0 && kwnames == nullptr;
-    CallInProgress* call = XPY_LIKELY(is_ordinary) ? local_state::begin_call(*local, bound) : nullptr;
-    if (XPY_UNLIKELY(call == nullptr)) {
+    if (XPY_UNLIKELY(nargs < (kIsLine ? 2 : 1) || kwnames != nullptr)) {
         return call_bound(bound, args, nargsf, kwnames);
     }
+    TssSlotRecord* slot_record = kIsLine ? nullptr : tss_cache::peek_slot_record();
+    LocalState* local = local_state::current;
+    const bool is_known = local != nullptr && (kIsLine || slot_record != nullptr);
+    CallInProgress* call = XPY_LIKELY(is_known) ? local_state::begin_call(*local, bound) : nullptr;
+    if (XPY_UNLIKELY(call == nullptr)) {
+        return call_bound(bound, args, nargsf, nullptr);
+    }
     // The note keeps the instance, and not the callable: that is not read again.
-    const BoundCallbackData& callback = data(bound);
+    const auto& callback = shared::data<BoundCallbackData>(bound);
     const ClassRecord* class_record = callback.class_record;
     PyObject* self = __atomic_load_n(&callback.__self__, __ATOMIC_ACQUIRE);
     ModuleState* m = self != nullptr ? class_record->m : nullptr;
-    PyObject* answer = none();
     if (XPY_UNLIKELY(m == nullptr)) {
-        raise_unset();
-        answer = nullptr;
-    } else if (XPY_UNLIKELY(!is_skipped_locally(*m, initial_callback::data(self), args, nargs, *local, *call))) {
-        answer = initial_callback::Callback(*m, self, args, nargs);
+        return finish_in_full(m, self, args, nargs, *call);
+    }
+    const auto& first_stage = shared::data<InitialCallbackData>(self);
+    const bool is_skipped = kIsLine ? is_line_skipped_locally(*m, first_stage, args, *local, *call)
+                                    : is_call_skipped_locally(*m, first_stage, args, *local, *slot_record);
+    if (XPY_UNLIKELY(!is_skipped)) {
+        return finish_in_full(m, self, args, nargs, *call);
     }
     local_state::end_call(*call);
-    return answer;
+    return none();
 }
 
 /// The entry that suits the event that an instance serves now. Each entry works for every event.
 vectorcallfunc entry_for(const ModuleState& m, PyObject* self) {
     const EventKind kind = kind_of(m.globals, instance_data_as<InitialCallbackData>(self)._fEventId);
-    if (!plain::is_fast_road_open()) {
-        return is_free_threaded() && kind >= EventKind::Line ? call_locally : call_bound;
+    if (kind < EventKind::Line || !(plain::is_fast_road_open() || shared::objects)) {
+        return call_bound;
     }
-    return kind == EventKind::Line ? call_for_line : kind >= EventKind::Start ? call_for_call : call_bound;
+    if (shared::objects) {
+        return kind == EventKind::Line ? call_locally<true> : call_locally<false>;
+    }
+    return kind == EventKind::Line ? call_for_line : call_for_call;
 }
 
 /// Attributes that a bound callback lacks are its function's, as with a method.

@@ -30,6 +30,13 @@ Step step_of(int truth) {
     return truth != 0 ? Step::Yes : Step::No;
 }
 
+/// What an event is, as far as that is known; it can be assigned to meanwhile, on another thread.
+EventKind load_kind(const InitialCallbackData& callback) {
+    EventKind kind = EventKind::Unsettled;
+    __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
+    return kind;
+}
+
 /// What a code object's breakpoints say about a line, from one look at the set.
 enum class Line { Unknown, NotEnabled, Enabled, Stop };
 
@@ -66,8 +73,17 @@ struct SharedRoad {
 
     template <class RoadEvent>
     static bool is_line_filter_on(const RoadEvent& event) {
-        return load(Road::callback(event).fAnySuspendThread) == 0 &&
-               load(Road::callback(event).fSteppingEventsNeededEveryThread) == 0;
+        return are_clear(Road::callback(event).fAnySuspendThread,
+                         Road::callback(event).fSteppingEventsNeededEveryThread);
+    }
+
+    /// Whether two flags are clear that lie side by side in one word: one load and one test.
+    static bool are_clear(const std::int32_t& first, const std::int32_t& second) {
+        using BothFlags [[gnu::may_alias]] = std::int64_t;
+        if (&first + 1 != &second) {
+            return load(first) == 0 && load(second) == 0;
+        }
+        return load(reinterpret_cast<const BothFlags&>(first)) == 0;
     }
 };
 
@@ -250,16 +266,19 @@ struct LocalEvent {
     const InitialCallbackData& callback;
     PyObject* const* args;
     const LocalState& local;
-    CallInProgress& call;
-    EventKind kind;
+    Note* breakpoints = nullptr;           ///< for a LINE event: the note of the set
+    TssSlotRecord* slot_record = nullptr;  ///< for the other events: what has been read already
     PyObject* per_code_object = nullptr;
+    bool is_ordinary = false;  ///< what `per_code_object::is_ordinary` says of the record
     const PerThreadData* thread_record = nullptr;
     tss_cache::Look look = {};
 };
 
 /// The road of nearly every event where there is no global lock. Of the thread's record it only sees which objects its
-/// fields hold. Stopping means that the careful road has to be taken.
-struct LocalRoad : SharedRoad<LocalRoad> {
+/// fields hold. Stopping means that the careful road has to be taken. There are two of it, as of the fast one.
+template <bool kIsLine>
+struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
+    using SharedRoad<LocalRoad>::load;
     using RoadEvent = LocalEvent;
     static constexpr Answer kStop = Answer::Undecided;
 
@@ -268,15 +287,15 @@ struct LocalRoad : SharedRoad<LocalRoad> {
     }
 
     static EventKind kind(const ModuleState& /*m*/, const LocalEvent& event) {
-        return event.kind;
+        return kIsLine ? EventKind::Line : load_kind(event.callback);
     }
 
-    static bool is_line(EventKind kind) {
-        return kind == EventKind::Line;
+    static bool is_line(EventKind /*kind*/) {
+        return kIsLine;
     }
 
     static const PerCodeObjectData& code_record(const LocalEvent& event) {
-        return per_code_object::data(event.per_code_object);
+        return shared::data<PerCodeObjectData>(event.per_code_object);
     }
 
     static const PerThreadData& thread_record(const LocalEvent& event) {
@@ -286,18 +305,27 @@ struct LocalRoad : SharedRoad<LocalRoad> {
     static bool find_code_record(const ModuleState& m, LocalEvent& event) {
         event.per_code_object = local_state::recall(event.local, event.args[0]);
         // Another module object has a class of its own.
-        return event.per_code_object != nullptr &&
-               as_object(type_of(event.per_code_object)) == load(m.globals.CPerCodeObject) &&
-               load(m.quick_extra_index) >= 0 && load(code_record(event).fUpdatePathnameNeeded) == 0;
+        if (event.per_code_object == nullptr ||
+            as_object(shared::type_of(event.per_code_object)) != load(m.globals.CPerCodeObject) ||
+            load(m.quick_extra_index) < 0) {
+            return false;
+        }
+        const PerCodeObjectData& record = code_record(event);
+        event.is_ordinary = LocalRoad::are_clear(record.fIsInternal, record.fUpdatePathnameNeeded);
+        return event.is_ordinary || load(record.fUpdatePathnameNeeded) == 0;
+    }
+
+    static bool is_internal(const LocalEvent& event) {
+        return !event.is_ordinary;
     }
 
     static bool find_thread_record(const ModuleState& m, LocalEvent& event) {
-        TssSlotRecord* slot_record = tss_cache::peek_slot_record();
+        TssSlotRecord* slot_record = kIsLine ? tss_cache::peek_slot_record() : event.slot_record;
         PyObject* per_thread = slot_record != nullptr ? event.look.begin(*slot_record) : nullptr;
-        if (per_thread == nullptr || as_object(type_of(per_thread)) != load(m.globals.CPerThread)) {
+        if (per_thread == nullptr || as_object(shared::type_of(per_thread)) != load(m.globals.CPerThread)) {
             return false;
         }
-        event.thread_record = &per_thread::data(per_thread);
+        event.thread_record = &shared::data<PerThreadData>(per_thread);
         return per_thread::is_named(m, *event.thread_record);
     }
 
@@ -308,7 +336,7 @@ struct LocalRoad : SharedRoad<LocalRoad> {
     /// Takes what it needs of an event, and not the event: that can then be kept in registers.
     static Line look_up(Note& note, PyObject* const& slot, PyObject* lineno_obj) {
         const local_state::Borrowed enabled_bp_linenos(note, slot);
-        if (enabled_bp_linenos.get() == nullptr || type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr) {
+        if (enabled_bp_linenos.get() == nullptr || shared::type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr) {
             return Line::Stop;
         }
         const int enabled = xpy.PySet_Contains(enabled_bp_linenos.get(), lineno_obj);
@@ -322,7 +350,7 @@ struct LocalRoad : SharedRoad<LocalRoad> {
     }
 
     static Line look_at_line(const LocalEvent& event) {
-        return look_up(event.call.breakpoints, code_record(event).fEnabledBpLinenos, event.args[1]);
+        return look_up(*event.breakpoints, code_record(event).fEnabledBpLinenos, event.args[1]);
     }
 
     static Step are_breakpoints_known(const LocalEvent& event) {
@@ -450,16 +478,22 @@ bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, 
     return decide<FastRoad<false>>(m, event) == Answer::Skip;
 }
 
-bool is_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                        Py_ssize_t nargs, const LocalState& local, CallInProgress& call) {
-    EventKind kind = EventKind::Unsettled;
-    __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
-    const Py_ssize_t needed = kind == EventKind::Line ? 2 : 1;
-    if (XPY_UNLIKELY(kind < EventKind::Line || nargs < needed || _IsInitialCallbackLogging(m))) {
+bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                             const LocalState& local, CallInProgress& call) {
+    if (XPY_UNLIKELY(load_kind(callback) != EventKind::Line || _IsInitialCallbackLogging(m))) {
         return false;
     }
-    LocalEvent event{callback, args, local, call, kind};
-    return decide<LocalRoad>(m, event) == Answer::Skip;
+    LocalEvent event{callback, args, local, &call.breakpoints};
+    return decide<LocalRoad<true>>(m, event) == Answer::Skip;
+}
+
+bool is_call_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                             const LocalState& local, TssSlotRecord& slot_record) {
+    if (XPY_UNLIKELY(load_kind(callback) < EventKind::Start || _IsInitialCallbackLogging(m))) {
+        return false;
+    }
+    LocalEvent event{callback, args, local, nullptr, &slot_record};
+    return decide<LocalRoad<false>>(m, event) == Answer::Skip;
 }
 
 Answer _SkipDetermination(ModuleState& m, HeldEvent& event) {

@@ -40,10 +40,12 @@ bool is_line_skipped(const ModuleState& m, const InitialCallbackData& callback, 
 bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
                      const TssSlotRecord& slot_record);
 
-/// The same for all of these events without a global lock, with what the thread remembers in `local` and what it notes
-/// in `call`. The set of breakpoints is locked by its own membership test; no other lock is taken.
-bool is_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                        Py_ssize_t nargs, const LocalState& local, CallInProgress& call);
+/// The same without a global lock, with what the thread remembers in `local` and notes in `call` or at `slot_record`.
+/// The set of breakpoints is locked by its own membership test; no other lock is taken.
+bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                             const LocalState& local, CallInProgress& call);
+bool is_call_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
+                             const LocalState& local, TssSlotRecord& slot_record);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);

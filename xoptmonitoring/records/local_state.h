@@ -90,16 +90,21 @@ inline void end_note(Note& note) {
     }
 }
 
+inline bool is_over(const CallInProgress& call) {
+    return XPY_LIKELY(__atomic_load_n(&call.callable.borrowed, __ATOMIC_RELAXED) == nullptr);
+}
+
+/// Room for the note of a call inside another one, or null.
+XPY_COLD CallInProgress* inner_call(LocalState& local);
+
 /// Notes a call. Null where so many are in progress already that there is no room. Notes end in any order: what a call
 /// runs may change the thread's stack for another one.
 inline CallInProgress* begin_call(LocalState& local, PyObject* callable) {
-    for (CallInProgress& call : local.calls) {
-        if (XPY_LIKELY(__atomic_load_n(&call.callable.borrowed, __ATOMIC_RELAXED) == nullptr)) {
-            begin_note(call.callable, callable);
-            return &call;
-        }
+    CallInProgress* call = is_over(local.calls[0]) ? &local.calls[0] : inner_call(local);
+    if (XPY_LIKELY(call != nullptr)) {
+        begin_note(call->callable, callable);
     }
-    return nullptr;
+    return call;
 }
 
 inline void end_call(CallInProgress& call) {

@@ -56,7 +56,7 @@ void update_quick_index(void* class_data) {
         return;
     }
     const bool is_open =
-        (plain::is_fast_road_open() || is_free_threaded()) && fields._fCodeObjectExtraIndex == fields.reserved_index;
+        (plain::is_fast_road_open() || shared::objects) && fields._fCodeObjectExtraIndex == fields.reserved_index;
     __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_RELAXED);
     if (is_free_threaded()) {
         local_state::begin_epoch();  // what a thread has just found in the dictionary is not to be remembered

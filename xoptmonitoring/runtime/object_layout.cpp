@@ -3,6 +3,7 @@
 
 DataOffsets data_offsets;
 bool plain::objects = false;
+bool shared::objects = false;
 PyTypeObject* object_type;
 
 namespace {
@@ -27,5 +28,8 @@ bool learn_data_offsets() {
                      xpy.pyobject_offsets.refcnt == offsetof(plain::Header, refcnt) &&
                      xpy.pyobject_offsets.type == offsetof(plain::Header, type) &&
                      data_offsets.instance == sizeof(plain::Header);
+    shared::objects = xpy.pyobject_offsets.mutex == offsetof(shared::Header, mutex) &&
+                      xpy.pyobject_offsets.type == offsetof(shared::Header, type) &&
+                      data_offsets.instance == sizeof(shared::Header);
     return true;
 }

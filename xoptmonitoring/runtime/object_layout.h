@@ -74,6 +74,33 @@ class [[nodiscard]] Hold {
 
 }  // namespace plain
 
+/// The same without a global lock: 3.13 or later, no reference tracing.
+namespace shared {
+
+struct Header {
+    std::uint64_t thread_id;
+    std::uint16_t flags;
+    std::uint8_t mutex;
+    std::uint8_t gc_bits;
+    std::uint32_t local_count;
+    std::int64_t shared_count;
+    PyTypeObject* type;
+};
+
+/// Whether this interpreter's objects are these; all else in this namespace is for those alone.
+extern bool objects;
+
+inline PyTypeObject* type_of(PyObject* object) {
+    return reinterpret_cast<Header*>(object)->type;
+}
+
+template <class Data>
+Data& data(PyObject* self) {
+    return *reinterpret_cast<Data*>(reinterpret_cast<Header*>(self) + 1);
+}
+
+}  // namespace shared
+
 /// The interpreter's type `object`, borrowed.
 extern PyTypeObject* object_type;
 
