@@ -10,8 +10,8 @@
 #include "xoptmonitoring/binding/refs.h"
 #include "xoptmonitoring/runtime/asymmetric_fence.h"
 
-/// An object that a thread uses without a reference of its own: counting it up and down would have threads fight for its
-/// count. Whoever takes such an object away looks for notes of it first.
+/// An object that a thread uses without a reference of its own: counting it up and down would have threads fight for
+/// its count. Whoever takes such an object away looks for notes of it first.
 struct Note {
     PyObject* borrowed;  ///< null while there is none
     /// What whoever took the object away left for the end of its use: a reference, or null. Under the lock of the list
@@ -111,8 +111,8 @@ inline void end_call(CallInProgress& call) {
     end_note(call.callable);
 }
 
-/// What a slot of a living object holds, borrowed under a note. Whoever writes to such a slot calls `keep_for_borrowers`
-/// with what was there, after the slot's owner has been unlocked and before it drops it.
+/// What a slot of a living object holds, borrowed under a note. Whoever writes to such a slot calls
+/// `keep_for_borrowers` with what was there, after the slot's owner has been unlocked and before it drops it.
 class [[nodiscard]] Borrowed {
   public:
     Borrowed(Note& note, PyObject* const& slot) noexcept
