@@ -5,6 +5,9 @@
 // the code object is running and its slot owns the record; a record that was replaced in its slot stays alive for good
 // (code_extra.cpp). A code object's address says nothing once it has died, so whatever an owned slot lets go of begins
 // a new epoch, and what was remembered in an older one is not asked any more.
+//
+// It also notes what the thread borrows from others while an event is decided. To note and then look whether the thing
+// is still there, and to take it away and then look for notes, is one protocol: the functions below are its two sides.
 #pragma once
 
 #include "xoptmonitoring/binding/refs.h"
