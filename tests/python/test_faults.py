@@ -4,8 +4,10 @@ import asyncio
 import contextlib
 import gc
 import io
+import platform
 import signal
 import sys
+import textwrap
 import threading
 import time
 import unittest
@@ -230,7 +232,7 @@ class SignalsTest(MonitoredTestCase):
     def held_while(self, handler, signals=1):
         """Raises an event that is held until that many signals have come; returns the event's answer."""
         def handle(*_args):
-            if release.is_set():
+            if len(handled) >= signals:
                 return
             handled.append(self.lock.locked())
             if len(handled) < signals:
@@ -582,6 +584,87 @@ class CollectorTest(MonitoredTestCase):
             print("done")
         """)
         self.assertEqual(child.stdout, "done\n")
+
+
+#: What a child process runs in a sandbox; `forbid` and `BEFORE_IMPORT` come before it.
+SANDBOXED = """
+    import gc, sys, threading, weakref
+    if BEFORE_IMPORT:
+        forbid()
+    from vorntracer import xoptmonitoring as xo
+
+    def work():
+        while True:
+            total = 0
+            for number in range(100):
+                total += number
+            results.add(total)
+            if stopped.is_set():
+                break
+
+    def register():
+        first_stage = xo.CInitialCallback(xo.kPyLineEventId, lambda code, line: None, False)
+        stages.append(weakref.ref(first_stage))
+        sys.monitoring.register_callback(4, xo.kPyLineEventId, first_stage.Callback)
+
+    def replace_breakpoints():
+        fresh = {1, 2}
+        sets.append(weakref.ref(fresh))
+        record.fEnabledBpLinenos = fresh
+
+    results, stages, sets, stopped = set(), [], [], threading.Event()
+    record = xo.CPerCodeObject.GetPerCodeObject(work.__code__)
+    replace_breakpoints()
+    sys.monitoring.use_tool_id(4, "sandboxed")
+    register()
+    sys.monitoring.set_local_events(4, work.__code__, xo.kPyLineEventId)
+    if not BEFORE_IMPORT:
+        forbid()
+    threads = [threading.Thread(target=work) for _ in range(4)]
+    for thread in threads:
+        thread.start()
+    for _ in range(300):
+        replace_breakpoints()
+        register()
+    stopped.set()
+    for thread in threads:
+        thread.join()
+    sys.monitoring.register_callback(4, xo.kPyLineEventId, None)
+    record.fEnabledBpLinenos = None
+    gc.collect()
+    assert results == {sum(range(100))}, results
+    assert not any(gone() for gone in sets), "a set of breakpoints was kept"
+    assert not any(gone() for gone in stages), "a first stage was kept"
+"""
+
+
+@unittest.skipUnless(sys.platform == "linux" and platform.machine() == "x86_64", "the filter is made for this system")
+class SandboxTest(unittest.TestCase):
+    """A process that may not ask the system for fences on all its threads."""
+
+    FORBID = """
+    import ctypes, errno, struct
+
+    def forbid():
+        \"""Has the system refuse the call, with a filter of four instructions: load, compare, two returns.\"""
+        membarrier, allow, refuse = 324, 0x7FFF0000, 0x00050000 | errno.EPERM
+        program = struct.pack("HBBI" * 4, 0x20, 0, 0, 0, 0x15, 0, 1, membarrier, 0x06, 0, 0, refuse, 0x06, 0, 0, allow)
+        instructions = ctypes.create_string_buffer(program, len(program))
+        description = struct.pack("HP", 4, ctypes.addressof(instructions))
+        libc = ctypes.CDLL(None, use_errno=True)
+        assert libc.prctl(38, 1, 0, 0, 0) == 0, "no new privileges"
+        assert libc.prctl(22, 2, description) == 0, "the filter was not taken"
+        assert libc.syscall(membarrier, 0, 0, 0) == -1 and ctypes.get_errno() == errno.EPERM
+    """
+
+    def run_sandboxed(self, before_import):
+        run_python(textwrap.dedent(self.FORBID) + f"BEFORE_IMPORT = {before_import}\n" + textwrap.dedent(SANDBOXED))
+
+    def test_events_and_changes_go_on_where_that_was_forbidden_before_the_import(self):
+        self.run_sandboxed(True)
+
+    def test_events_and_changes_go_on_where_that_is_forbidden_later(self):
+        self.run_sandboxed(False)
 
 
 if __name__ == "__main__":

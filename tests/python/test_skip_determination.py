@@ -627,6 +627,34 @@ class RecentCodeTest(DecisionTestCase):
                 self.assertIsNone(replaced())
         self.assertEqual(alive, [True] * 6)
 
+    def test_a_first_stage_that_is_finalised_from_a_comparison_lives_until_the_end_of_its_call(self):
+        """Its callable has stood in the place of the breakpoints as well, and been taken away from there."""
+        record = self.record
+
+        class Finalising:
+            def __hash__(self):
+                return hash(LINE_WITHOUT)
+
+            def __eq__(self, other):
+                record.fEnabledBpLinenos = raise_event
+                record.fEnabledBpLinenos = {LINE_WITHOUT}
+                raise_event.__del__()
+                gc.collect()
+                return True
+
+        for _ in range(3):
+            record.fEnabledBpLinenos = {LINE_WITH_BREAKPOINT}
+            self.meet(xo.kPyLineEventId)
+            raise_event, alive = self.raise_event, weakref.ref(self.callback)
+            self.callback = self.raise_event = None
+            record.fEnabledBpLinenos = {Finalising()}
+            try:
+                self.assertEqual(raise_event(self.code, LINE_WITHOUT), "second")
+            except AttributeError:
+                pass  # there was nothing left to answer with
+            self.second.calls.clear()
+            self.assertIsNone(alive())
+
     @for_each_event
     def test_returns_and_yields_that_come_to_be_needed_are_passed_on_and_nothing_else_is(self, name):
         self.record.fReturnEventsNeededCount = 1

@@ -102,7 +102,8 @@ XPY_COLD PyObject* finish_in_full(ModuleState* m, PyObject* self, PyObject* cons
 
 /// The interpreter's entries for LINE events and for those that start or end a call, without a global lock. Whoever
 /// unregisters the callable meanwhile, another thread or what runs while a breakpoint is compared, finds the note of
-/// this call when the callable is finalised, and leaves the instance with it. The thread's slot comes first here too.
+/// this call when the callable is finalised, and leaves the instance with it. For a call the thread's slot comes first
+/// here too.
 template <bool kIsLine>
 PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     const Py_ssize_t nargs = vectorcall_nargs(nargsf);
@@ -111,8 +112,7 @@ PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargs
     }
     TssSlotRecord* slot_record = kIsLine ? nullptr : tss_cache::peek_slot_record();
     LocalState* local = local_state::current;
-    const bool is_known = local != nullptr && (kIsLine || slot_record != nullptr);
-    CallInProgress* call = XPY_LIKELY(is_known) ? local_state::begin_call(*local, bound) : nullptr;
+    CallInProgress* call = XPY_LIKELY(local != nullptr) ? local_state::begin_call(*local, bound) : nullptr;
     if (XPY_UNLIKELY(call == nullptr)) {
         return call_bound(bound, args, nargsf, nullptr);
     }
@@ -126,7 +126,7 @@ PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargs
     }
     const auto& first_stage = shared::data<InitialCallbackData>(self);
     const bool is_skipped = kIsLine ? is_line_skipped_locally(*m, first_stage, args, *local, *call)
-                                    : is_call_skipped_locally(*m, first_stage, args, *local, *slot_record);
+                                    : is_call_skipped_locally(*m, first_stage, args, *local, slot_record);
     if (XPY_UNLIKELY(!is_skipped)) {
         return finish_in_full(m, self, args, nargs, *call);
     }
@@ -204,7 +204,7 @@ void finalize(PyObject* bound) {
         instance = Ref::steal(exchange_slot_locked(data(bound).__self__, nullptr));
     }
     if (instance) {
-        local_state::keep_for_borrowers(bound, instance.get());
+        local_state::keep_for_borrowers(&CallInProgress::callable, bound, instance.get());
     }
     data(bound).vectorcall = call_bound;
     finalize_members(bound, object_type, instance_data(bound), kFields,

@@ -286,7 +286,7 @@ Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object) 
         return {};
     }
     if (XPY_LIKELY(record.get() != none() && is_settled(record.get()))) {
-        if (is_free_threaded() && __atomic_load_n(&m.quick_extra_index, __ATOMIC_RELAXED) >= 0) {
+        if (is_free_threaded() && __atomic_load_n(&m.quick_extra_index, __ATOMIC_ACQUIRE) >= 0) {
             local_state::remember(code_object, record.get(), epoch);
         }
         return record;

@@ -266,8 +266,9 @@ struct LocalEvent {
     const InitialCallbackData& callback;
     PyObject* const* args;
     const LocalState& local;
+    EventKind kind;
     Note* breakpoints = nullptr;           ///< for a LINE event: the note of the set
-    TssSlotRecord* slot_record = nullptr;  ///< for the other events: what has been read already
+    TssSlotRecord* slot_record = nullptr;  ///< for the other events: what has been read already, or null
     PyObject* per_code_object = nullptr;
     bool is_ordinary = false;  ///< what `per_code_object::is_ordinary` says of the record
     const PerThreadData* thread_record = nullptr;
@@ -287,7 +288,7 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
     }
 
     static EventKind kind(const ModuleState& /*m*/, const LocalEvent& event) {
-        return kIsLine ? EventKind::Line : load_kind(event.callback);
+        return event.kind;
     }
 
     static bool is_line(EventKind /*kind*/) {
@@ -310,13 +311,14 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
             load(m.quick_extra_index) < 0) {
             return false;
         }
+        // Another thread may be settling the record: what is not clear now may be so at the next look.
         const PerCodeObjectData& record = code_record(event);
         event.is_ordinary = LocalRoad::are_clear(record.fIsInternal, record.fUpdatePathnameNeeded);
         return event.is_ordinary || load(record.fUpdatePathnameNeeded) == 0;
     }
 
     static bool is_internal(const LocalEvent& event) {
-        return !event.is_ordinary;
+        return !event.is_ordinary && load(code_record(event).fIsInternal) != 0;
     }
 
     static bool find_thread_record(const ModuleState& m, LocalEvent& event) {
@@ -483,16 +485,17 @@ bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& ca
     if (XPY_UNLIKELY(load_kind(callback) != EventKind::Line || _IsInitialCallbackLogging(m))) {
         return false;
     }
-    LocalEvent event{callback, args, local, &call.breakpoints};
+    LocalEvent event{callback, args, local, EventKind::Line, &call.breakpoints};
     return decide<LocalRoad<true>>(m, event) == Answer::Skip;
 }
 
 bool is_call_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                             const LocalState& local, TssSlotRecord& slot_record) {
-    if (XPY_UNLIKELY(load_kind(callback) < EventKind::Start || _IsInitialCallbackLogging(m))) {
+                             const LocalState& local, TssSlotRecord* slot_record) {
+    const EventKind kind = load_kind(callback);
+    if (XPY_UNLIKELY(kind < EventKind::Start || _IsInitialCallbackLogging(m))) {
         return false;
     }
-    LocalEvent event{callback, args, local, nullptr, &slot_record};
+    LocalEvent event{callback, args, local, kind, nullptr, slot_record};
     return decide<LocalRoad<false>>(m, event) == Answer::Skip;
 }
 

@@ -149,14 +149,13 @@ void drop_kept(Note& note) {
     kept = Ref::steal(exchange_kept_locked(note, nullptr));
 }
 
-void keep_for_borrowers(PyObject* borrowed, PyObject* kept) {
+void keep_for_borrowers(Note CallInProgress::*use, PyObject* borrowed, PyObject* kept) {
     asymmetric_fence::heavy();
     Ref spare;  // dropped after the lock
     const ListLock lock;
     for (LocalState* local = all_states; local != nullptr; local = local->next) {
         for (CallInProgress& call : local->calls) {
-            keep_for_note_locked(call.callable, borrowed, kept, spare);
-            keep_for_note_locked(call.breakpoints, borrowed, kept, spare);
+            keep_for_note_locked(call.*use, borrowed, kept, spare);
         }
     }
 }

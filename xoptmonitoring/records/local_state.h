@@ -17,8 +17,8 @@
 /// its count. Whoever takes such an object away looks for notes of it first.
 struct Note {
     PyObject* borrowed;  ///< null while there is none
-    /// What whoever took the object away left for the end of its use: a reference, or null. Under the lock of the list
-    /// of all threads' states; while that is free and this is not null, the use is going on or just ending.
+    /// What whoever took the object away left for the end of its use: a reference, or null. Changed under the lock of
+    /// the list of all threads' states; while that is free and this is not null, the use is going on or just ending.
     PyObject* kept;
 };
 
@@ -77,8 +77,8 @@ void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t ep
 /// Takes the reference that was left for a note that has ended.
 XPY_COLD void drop_kept(Note& note);
 
-/// Notes an object, before the look whether it is still to be found where it was. Whoever reads the note takes what the
-/// thread noted before as done with.
+/// Notes an object, before the look whether it is still to be found where it was. The note also tells whoever reads it
+/// that all earlier uses under this note have ended.
 inline void begin_note(Note& note, PyObject* object) {
     __atomic_store_n(&note.borrowed, object, __ATOMIC_RELEASE);
     asymmetric_fence::light();
@@ -143,8 +143,9 @@ class [[nodiscard]] Borrowed {
     PyObject* object_;
 };
 
-/// Leaves a reference to `kept` with every note of `borrowed`, on whatever thread. The caller has taken `borrowed` away
-/// from where it can be found, has a reference to `kept`, holds no lock, and may drop both afterwards.
-void keep_for_borrowers(PyObject* borrowed, PyObject* kept);
+/// Leaves a reference to `kept` with every note of `borrowed` that is for this `use`, on whatever thread. The caller
+/// has taken `borrowed` away from where it can be found, has a reference to `kept`, holds no lock, and may drop both
+/// afterwards.
+void keep_for_borrowers(Note CallInProgress::*use, PyObject* borrowed, PyObject* kept);
 
 }  // namespace local_state

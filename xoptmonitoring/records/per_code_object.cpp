@@ -28,7 +28,7 @@ constexpr int kDepthGuard = 100;
 /// stays in any case.
 void let_breakpoints_go(PyObject* old) {
     if (is_free_threaded() && old != none()) {
-        local_state::keep_for_borrowers(old, old);
+        local_state::keep_for_borrowers(&CallInProgress::breakpoints, old, old);
     }
 }
 
@@ -57,10 +57,10 @@ void update_quick_index(void* class_data) {
     }
     const bool is_open =
         (plain::is_fast_road_open() || shared::objects) && fields._fCodeObjectExtraIndex == fields.reserved_index;
-    __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_RELAXED);
     if (is_free_threaded()) {
-        local_state::begin_epoch();  // what a thread has just found in the dictionary is not to be remembered
+        local_state::begin_epoch();  // what a thread has just found in the dictionary is not to be believed later
     }
+    __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_RELEASE);
 }
 
 #define FIELD(name, type, doc) \

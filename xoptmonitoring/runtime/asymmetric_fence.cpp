@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <ctime>
 #include <linux/membarrier.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -21,6 +22,14 @@ bool is_registered() {
     return is_done(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED);
 }
 
+/// What the rare side goes by: longer true than `is_one_sided`.
+bool is_asked = false;
+
+void decide() {
+    is_asked = is_registered();
+    __atomic_store_n(&is_one_sided, is_asked, __ATOMIC_RELAXED);
+}
+
 /// Somebody has forbidden the call since. From now on each side has its own fence; whoever has not noticed that yet is
 /// between its two steps, and a processor shows what it has stored in much less than this moment.
 XPY_COLD void give_up() {
@@ -28,20 +37,19 @@ XPY_COLD void give_up() {
     timespec left = {0, 1'000'000};
     while (nanosleep(&left, &left) != 0 && errno == EINTR) {
     }
+    __atomic_store_n(&is_asked, false, __ATOMIC_SEQ_CST);
 }
 
 }  // namespace
 
 void prepare() {
-    static bool is_decided = false;
-    if (!__atomic_exchange_n(&is_decided, true, __ATOMIC_RELAXED)) {
-        __atomic_store_n(&is_one_sided, is_registered(), __ATOMIC_RELAXED);
-    }
+    static pthread_once_t is_decided = PTHREAD_ONCE_INIT;
+    pthread_once(&is_decided, decide);
 }
 
 void heavy() {
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    if (!__atomic_load_n(&is_one_sided, __ATOMIC_RELAXED)) {
+    if (!__atomic_load_n(&is_asked, __ATOMIC_RELAXED)) {
         return;
     }
     // Whether a forked child is registered is the system's business; to register it again costs nothing there.

@@ -31,8 +31,8 @@ struct FieldDecl {
     const char* doc;
     /// For an Int: called with the data block after each assignment, for what is derived from the field.
     void (*changed)(void* data) = nullptr;
-    /// For an Object: called with what has been taken out of the field, before it is dropped; for who uses it without a
-    /// reference. Not called where the object itself is being freed or is garbage, since nobody uses its fields then.
+    /// For an Object: called with what an assignment or the finaliser has taken out of the field, before it is dropped;
+    /// for who uses it without a reference. What `clear_members` and the interpreter drop later is used by nobody.
     void (*let_go)(PyObject* old) = nullptr;
 };
 
