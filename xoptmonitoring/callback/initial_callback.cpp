@@ -160,8 +160,7 @@ Ref initialise(PyObject* self, const Argument* args) {
 /// Works out what the event is, unless that is known. An id that is assigned meanwhile, on another thread, comes first
 /// or unsettles the kind again.
 EventKind settle_kind(ModuleState& m, Data& callback) {
-    EventKind kind = EventKind::Unsettled;
-    __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
+    EventKind kind = load_kind(callback);
     if (kind == EventKind::Unsettled) {
         const Py_ssize_t event_id = __atomic_load_n(&callback._fEventId, __ATOMIC_SEQ_CST);
         kind = kind_of(m.globals, event_id);

@@ -37,6 +37,14 @@ inline InitialCallbackData& data(PyObject* self) {
     return instance_data_as<InitialCallbackData>(self);
 }
 
+/// What an instance's event is, as far as that is known; the event's id can be assigned to meanwhile, on another
+/// thread.
+inline EventKind load_kind(const InitialCallbackData& callback) {
+    EventKind kind = EventKind::Unsettled;
+    __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
+    return kind;
+}
+
 /// What the event with that id is.
 EventKind kind_of(const ModuleGlobals& globals, Py_ssize_t event_id);
 

@@ -30,13 +30,6 @@ Step step_of(int truth) {
     return truth != 0 ? Step::Yes : Step::No;
 }
 
-/// What an event is, as far as that is known; it can be assigned to meanwhile, on another thread.
-EventKind load_kind(const InitialCallbackData& callback) {
-    EventKind kind = EventKind::Unsettled;
-    __atomic_load(&callback.kind, &kind, __ATOMIC_RELAXED);
-    return kind;
-}
-
 /// What a code object's breakpoints say about a line, from one look at the set.
 enum class Line { Unknown, NotEnabled, Enabled, Stop };
 
@@ -58,6 +51,21 @@ bool log_suspension(ModuleState& m, PyObject* per_thread, PyObject* text) {
         m, Ref::steal(xpy.PyUnicode_FromFormat("%U%S%U", text, thread_id.get(), m.literals.suspend_line_end)));
 }
 
+/// Whether two flags are clear that lie side by side in one word: one load and one test.
+template <class Road>
+XPY_ALWAYS_INLINE bool are_clear(const std::int32_t& first, const std::int32_t& second) {
+    if (&first + 1 != &second) {
+        return Road::load(first) == 0 && Road::load(second) == 0;
+    }
+    return Road::load(reinterpret_cast<const std::int64_t&>(first)) == 0;
+}
+
+/// Whether the debugger's own code is out of the question and no pathname has to be worked out again.
+template <class Road>
+XPY_ALWAYS_INLINE bool is_ordinary(const PerCodeObjectData& record) {
+    return are_clear<Road>(record.fIsInternal, record.fUpdatePathnameNeeded);
+}
+
 /// What is common to the roads on which the tracer may be changing flags, counts and policies on another thread.
 template <class Road>
 struct SharedRoad {
@@ -69,21 +77,6 @@ struct SharedRoad {
     template <class RoadEvent>
     static bool is_internal(const RoadEvent& event) {
         return load(Road::code_record(event).fIsInternal) != 0;
-    }
-
-    template <class RoadEvent>
-    static bool is_line_filter_on(const RoadEvent& event) {
-        return are_clear(Road::callback(event).fAnySuspendThread,
-                         Road::callback(event).fSteppingEventsNeededEveryThread);
-    }
-
-    /// Whether two flags are clear that lie side by side in one word: one load and one test.
-    static bool are_clear(const std::int32_t& first, const std::int32_t& second) {
-        using BothFlags [[gnu::may_alias]] = std::int64_t;
-        if (&first + 1 != &second) {
-            return load(first) == 0 && load(second) == 0;
-        }
-        return load(reinterpret_cast<const BothFlags&>(first)) == 0;
     }
 };
 
@@ -176,9 +169,12 @@ struct FastRoad {
     using RoadEvent = QuickEvent;
     static constexpr Answer kStop = Answer::Undecided;
 
+    /// A copy, since two words of one type may be asked for as one of another.
     template <class Word>
     static Word load(const Word& word) {
-        return word;
+        Word value;
+        __builtin_memcpy(&value, &word, sizeof value);
+        return value;
     }
 
     static const InitialCallbackData& callback(const QuickEvent& event) {
@@ -204,15 +200,11 @@ struct FastRoad {
     static bool find_code_record(const ModuleState& m, QuickEvent& event) {
         event.code_record = per_code_object::peek(m, event.args[0]);
         return event.code_record != nullptr &&
-               (per_code_object::is_ordinary(*event.code_record) || event.code_record->fUpdatePathnameNeeded == 0);
+               (is_ordinary<FastRoad>(*event.code_record) || event.code_record->fUpdatePathnameNeeded == 0);
     }
 
     static bool is_internal(const QuickEvent& event) {
-        return !per_code_object::is_ordinary(*event.code_record);
-    }
-
-    static bool is_line_filter_on(const QuickEvent& event) {
-        return plain::are_clear(event.callback.fAnySuspendThread, event.callback.fSteppingEventsNeededEveryThread);
+        return !is_ordinary<FastRoad>(*event.code_record);
     }
 
     static bool find_thread_record(const ModuleState& m, QuickEvent& event) {
@@ -270,7 +262,7 @@ struct LocalEvent {
     Note* breakpoints = nullptr;           ///< for a LINE event: the note of the set
     TssSlotRecord* slot_record = nullptr;  ///< for the other events: what has been read already, or null
     PyObject* per_code_object = nullptr;
-    bool is_ordinary = false;  ///< what `per_code_object::is_ordinary` says of the record
+    bool is_ordinary = false;  ///< what `is_ordinary` says of the record
     const PerThreadData* thread_record = nullptr;
     tss_cache::Look look = {};
 };
@@ -313,7 +305,7 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
         }
         // Another thread may be settling the record: what is not clear now may be so at the next look.
         const PerCodeObjectData& record = code_record(event);
-        event.is_ordinary = LocalRoad::are_clear(record.fIsInternal, record.fUpdatePathnameNeeded);
+        event.is_ordinary = is_ordinary<LocalRoad>(record);
         return event.is_ordinary || load(record.fUpdatePathnameNeeded) == 0;
     }
 
@@ -390,7 +382,9 @@ Answer answer_internal(RoadState<Road>& m, const typename Road::RoadEvent& event
 /// Whether a LINE event may be filtered by the code object's breakpoints alone.
 template <class Road>
 XPY_ALWAYS_INLINE bool is_line_filter_on(const typename Road::RoadEvent& event) {
-    return Road::is_line_filter_on(event) && Road::load(Road::code_record(event).fSteppingEventsNeededCount) == 0;
+    const InitialCallbackData& callback = Road::callback(event);
+    return are_clear<Road>(callback.fAnySuspendThread, callback.fSteppingEventsNeededEveryThread) &&
+           Road::load(Road::code_record(event).fSteppingEventsNeededCount) == 0;
 }
 
 /// The last filter.

@@ -69,9 +69,4 @@ inline const PerCodeObjectData* peek(const ModuleState& m, PyObject* code_object
     return XPY_LIKELY(is_own) ? &plain::data<PerCodeObjectData>(record) : nullptr;
 }
 
-/// Whether the debugger's own code is out of the question and no pathname has to be worked out again.
-inline bool is_ordinary(const PerCodeObjectData& record) {
-    return plain::are_clear(record.fIsInternal, record.fUpdatePathnameNeeded);
-}
-
 }  // namespace per_code_object

@@ -67,10 +67,10 @@ void empty_locked(TssSlotRecord& rec) {
     __atomic_store_n(&rec.tstate, nullptr, __ATOMIC_RELAXED);
     __atomic_store_n(&rec.per_thread, nullptr, __ATOMIC_RELEASE);
     if (is_free_threaded() && &rec != current_slot_record) {
-        const auto& shared = static_cast<const SharedTssSlotRecord&>(rec);
+        const pid_t& reader = static_cast<const SharedTssSlotRecord&>(rec).reader;
         constexpr timespec kMoment = {0, 10'000};
         asymmetric_fence::heavy();
-        while (__atomic_load_n(&shared.reader, __ATOMIC_ACQUIRE) == xpy.cached_pid) {
+        while (__atomic_load_n(&reader, __ATOMIC_ACQUIRE) == xpy.cached_pid) {
             nanosleep(&kMoment, nullptr);  // yielding would not let a thread of lower priority come to its end
         }
     }

@@ -15,8 +15,22 @@ struct DataOffsets {
 };
 extern DataOffsets data_offsets;
 
+/// Objects whose header is known when this is compiled: what is asked of them needs no look into the tables.
+namespace known {
+
+template <class Header>
+PyTypeObject* type_of(PyObject* object) {
+    return reinterpret_cast<Header*>(object)->type;
+}
+
+template <class Header, class Data>
+Data& data(PyObject* self) {
+    return *reinterpret_cast<Data*>(reinterpret_cast<Header*>(self) + 1);
+}
+
+}  // namespace known
+
 /// What objects look like in the builds that nearly everybody runs: 3.12 or later, a global lock, no reference tracing.
-/// There the header is known when this is compiled, and an event need not look it up in tables.
 namespace plain {
 
 struct Header {
@@ -28,24 +42,10 @@ struct Header {
 /// Whether this interpreter's objects are plain; all else in this namespace is for those alone.
 extern bool objects;
 
-inline PyTypeObject* type_of(PyObject* object) {
-    return reinterpret_cast<Header*>(object)->type;
-}
+inline constexpr auto& type_of = known::type_of<Header>;
 
 template <class Data>
-Data& data(PyObject* self) {
-    return *reinterpret_cast<Data*>(reinterpret_cast<Header*>(self) + 1);
-}
-
-/// Whether two flags are clear that lie side by side in one word: one load and one test.
-inline bool are_clear(const std::int32_t& first, const std::int32_t& second) {
-    std::int64_t both = 0;
-    if (&first + 1 != &second) {
-        return first == 0 && second == 0;
-    }
-    __builtin_memcpy(&both, &first, sizeof both);
-    return both == 0;
-}
+inline constexpr auto& data = known::data<Header, Data>;
 
 /// Keeps an object alive that is not immortal. In a debug build the interpreter's own total does not see it.
 class [[nodiscard]] Hold {
@@ -90,14 +90,10 @@ struct Header {
 /// Whether this interpreter's objects are these; all else in this namespace is for those alone.
 extern bool objects;
 
-inline PyTypeObject* type_of(PyObject* object) {
-    return reinterpret_cast<Header*>(object)->type;
-}
+inline constexpr auto& type_of = known::type_of<Header>;
 
 template <class Data>
-Data& data(PyObject* self) {
-    return *reinterpret_cast<Data*>(reinterpret_cast<Header*>(self) + 1);
-}
+inline constexpr auto& data = known::data<Header, Data>;
 
 }  // namespace shared
 
