@@ -20,7 +20,7 @@ class Notes : public LiveInterpreterTest, public testing::WithParamInterface<boo
         was_one_sided = std::exchange(asymmetric_fence::is_one_sided, asymmetric_fence::is_one_sided && GetParam());
         local_state::remember(none(), none(), local_state::current_epoch());
         ASSERT_NE(local_state::current, nullptr);
-        call = local_state::begin_call(*local_state::current, none());
+        call = begin_call(none());
         ASSERT_NE(call, nullptr);
         slot = new_set();
         death = Ref::steal(xpy.PyWeakref_NewRef(slot, nullptr));
@@ -33,6 +33,15 @@ class Notes : public LiveInterpreterTest, public testing::WithParamInterface<boo
         const Ref dropped = Ref::steal(slot);
         asymmetric_fence::is_one_sided = was_one_sided;
         LiveInterpreterTest::TearDown();
+    }
+
+    /// Notes one more call of this thread; null where there is no room for it.
+    static CallInProgress* begin_call(PyObject* callable) {
+        CallInProgress* noted = local_state::room_for_call(*local_state::current);
+        if (noted != nullptr) {
+            local_state::begin_call(*noted, callable);
+        }
+        return noted;
     }
 
     static PyObject* new_set() {
@@ -99,7 +108,7 @@ TEST_P(Notes, show_that_a_slot_is_empty) {
 
 TEST_P(Notes, end_in_any_order_and_each_keeps_its_own) {
     std::vector<CallInProgress*> calls;
-    while (CallInProgress* another = local_state::begin_call(*local_state::current, slot)) {
+    while (CallInProgress* another = begin_call(slot)) {
         calls.push_back(another);
     }
     ASSERT_EQ(calls.size(), LocalState::kMostCalls - 1);
@@ -119,7 +128,7 @@ TEST_P(Notes, end_in_any_order_and_each_keeps_its_own) {
 }
 
 TEST_P(Notes, of_the_same_object_for_two_uses_each_keep_their_own) {
-    CallInProgress* other = local_state::begin_call(*local_state::current, slot);
+    CallInProgress* other = begin_call(slot);
     ASSERT_NE(other, nullptr);
     const Ref instance = Ref::steal(new_set());
     {

@@ -24,13 +24,19 @@ class SlotRecords : public LiveInterpreterTest {
         return __atomic_load_n(&slot_record.per_thread, __ATOMIC_ACQUIRE);
     }
 
+    /// Begins a look as an event does, and returns what it sees.
+    PyObject* begin_look() {
+        tss_cache::begin_look(slot_record);
+        asymmetric_fence::light();
+        return tss_cache::look_at(slot_record);
+    }
+
     SharedTssSlotRecord slot_record{};
     PerThreadData record{};
 };
 
 TEST_F(SlotRecords, are_emptied_at_once_but_not_given_up_before_the_look_at_them_ends) {
-    tss_cache::Look look;
-    ASSERT_EQ(look.begin(slot_record), none());
+    ASSERT_EQ(begin_look(), none());
     std::atomic<bool> detached = false;
     std::thread detacher([this, &detached] {
         tss_cache::Detach(record);
@@ -41,7 +47,7 @@ TEST_F(SlotRecords, are_emptied_at_once_but_not_given_up_before_the_look_at_them
     }
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(detached.load(), !is_free_threaded()) << "where there is a global lock, nobody looks without it";
-    look.end();
+    tss_cache::end_look(slot_record);
     detacher.join();
     EXPECT_TRUE(detached.load());
     EXPECT_EQ(record._fPyTssDataPtr, nullptr);
@@ -49,15 +55,12 @@ TEST_F(SlotRecords, are_emptied_at_once_but_not_given_up_before_the_look_at_them
 
 TEST_F(SlotRecords, that_are_empty_show_a_look_nothing) {
     tss_cache::Detach(record);
-    tss_cache::Look look;
-    EXPECT_EQ(look.begin(slot_record), nullptr);
+    EXPECT_EQ(begin_look(), nullptr);
 }
 
 TEST_F(SlotRecords, are_given_up_at_once_where_the_look_has_ended_or_was_one_of_the_parent_process) {
-    {
-        tss_cache::Look look;
-        ASSERT_EQ(look.begin(slot_record), none());
-    }
+    ASSERT_EQ(begin_look(), none());
+    tss_cache::end_look(slot_record);
     tss_cache::Detach(record);
     EXPECT_EQ(named(), nullptr);
 

@@ -88,11 +88,11 @@ PyObject* call_for_call(PyObject* bound, PyObject* const* args, std::size_t narg
 }
 
 /// The rest of a noted call that the local road leaves undecided. The module state is null after teardown.
-XPY_COLD PyObject* finish_in_full(ModuleState* m, PyObject* self, PyObject* const* args, Py_ssize_t nargs,
+XPY_COLD PyObject* finish_in_full(ModuleState* m, PyObject* self, PyObject* const* args, std::size_t nargsf,
                                   CallInProgress& call) {
     PyObject* answer = nullptr;
     if (m != nullptr) {
-        answer = initial_callback::Callback(*m, self, args, nargs);
+        answer = initial_callback::Callback(*m, self, args, vectorcall_nargs(nargsf));
     } else {
         raise_unset();
     }
@@ -100,38 +100,64 @@ XPY_COLD PyObject* finish_in_full(ModuleState* m, PyObject* self, PyObject* cons
     return answer;
 }
 
-/// The interpreter's entries for LINE events and for those that start or end a call, without a global lock. Whoever
-/// unregisters the callable meanwhile, another thread or what runs while a breakpoint is compared, finds the note of
-/// this call when the callable is finalised, and leaves the instance with it. For a call the thread's slot comes first
-/// here too.
+/// An event without a global lock. Whoever unregisters the callable meanwhile, another thread or what runs while a
+/// breakpoint is compared, finds the note of this call when the callable is finalised, and leaves the instance with it.
+/// `slot_record` is the thread's; null for a LINE event, which looks for it where it is needed. Not inlined, so that it
+/// need not save registers for what its callers call.
 template <bool kIsLine>
-PyObject* call_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
-    const Py_ssize_t nargs = vectorcall_nargs(nargsf);
-    if (XPY_UNLIKELY(nargs < (kIsLine ? 2 : 1) || kwnames != nullptr)) {
-        return call_bound(bound, args, nargsf, kwnames);
-    }
-    TssSlotRecord* slot_record = kIsLine ? nullptr : tss_cache::peek_slot_record();
+[[gnu::noinline]] PyObject* answer_locally(PyObject* bound, PyObject* const* args, std::size_t nargsf,
+                                           [[maybe_unused]] TssSlotRecord* slot_record) {
     LocalState* local = local_state::current;
-    CallInProgress* call = XPY_LIKELY(local != nullptr) ? local_state::begin_call(*local, bound) : nullptr;
+    CallInProgress* call = XPY_LIKELY(local != nullptr) ? local_state::room_for_call(*local) : nullptr;
     if (XPY_UNLIKELY(call == nullptr)) {
         return call_bound(bound, args, nargsf, nullptr);
     }
+    if constexpr (!kIsLine) {
+        tss_cache::begin_look(*slot_record);  // the call's own note comes with a fence for both
+    }
+    local_state::begin_call(*call, bound);
     // The note keeps the instance, and not the callable: that is not read again.
     const auto& callback = shared::data<BoundCallbackData>(bound);
     const ClassRecord* class_record = callback.class_record;
     PyObject* self = __atomic_load_n(&callback.__self__, __ATOMIC_ACQUIRE);
     ModuleState* m = self != nullptr ? class_record->m : nullptr;
-    if (XPY_UNLIKELY(m == nullptr)) {
-        return finish_in_full(m, self, args, nargs, *call);
+    bool is_skipped = false;
+    if (XPY_LIKELY(m != nullptr)) {
+        const auto& first_stage = shared::data<InitialCallbackData>(self);
+        if constexpr (kIsLine) {
+            is_skipped = is_line_skipped_locally(*m, first_stage, args, *local, *call);
+        } else {
+            is_skipped = is_call_skipped_locally(*m, first_stage, args, *local, *slot_record);
+        }
     }
-    const auto& first_stage = shared::data<InitialCallbackData>(self);
-    const bool is_skipped = kIsLine ? is_line_skipped_locally(*m, first_stage, args, *local, *call)
-                                    : is_call_skipped_locally(*m, first_stage, args, *local, slot_record);
+    if constexpr (!kIsLine) {
+        tss_cache::end_look(*slot_record);
+    }
     if (XPY_UNLIKELY(!is_skipped)) {
-        return finish_in_full(m, self, args, nargs, *call);
+        return finish_in_full(m, self, args, nargsf, *call);
     }
     local_state::end_call(*call);
     return none();
+}
+
+/// The interpreter's entry for LINE events without a global lock.
+PyObject* call_locally_for_line(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+    if (XPY_UNLIKELY(vectorcall_nargs(nargsf) < 2 || kwnames != nullptr)) {
+        return call_bound(bound, args, nargsf, kwnames);
+    }
+    return answer_locally<true>(bound, args, nargsf, nullptr);
+}
+
+/// The same for the events that start or end a call. The thread's slot comes first here too.
+PyObject* call_locally_for_call(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
+    if (XPY_UNLIKELY(vectorcall_nargs(nargsf) == 0 || kwnames != nullptr)) {
+        return call_bound(bound, args, nargsf, kwnames);
+    }
+    TssSlotRecord* slot_record = tss_cache::peek_slot_record();
+    if (XPY_UNLIKELY(slot_record == nullptr)) {
+        return call_bound(bound, args, nargsf, nullptr);
+    }
+    return answer_locally<false>(bound, args, nargsf, slot_record);
 }
 
 /// The entry that suits the event that an instance serves now. Each entry works for every event.
@@ -141,7 +167,7 @@ vectorcallfunc entry_for(const ModuleState& m, PyObject* self) {
         return call_bound;
     }
     if (shared::objects) {
-        return kind == EventKind::Line ? call_locally<true> : call_locally<false>;
+        return kind == EventKind::Line ? call_locally_for_line : call_locally_for_call;
     }
     return kind == EventKind::Line ? call_for_line : call_for_call;
 }

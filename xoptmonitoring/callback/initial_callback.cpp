@@ -285,7 +285,7 @@ Ref __GetPerCodeObjectCalledFromCallback(ModuleState& m, PyObject* code_object) 
         return {};
     }
     if (XPY_LIKELY(record.get() != none() && is_settled(record.get()))) {
-        if (is_free_threaded() && __atomic_load_n(&m.quick_extra_index, __ATOMIC_ACQUIRE) >= 0) {
+        if (is_free_threaded() && per_code_object::is_in_slot(m, code_object, record.get())) {
             local_state::remember(code_object, record.get(), epoch);
         }
         return record;

@@ -259,12 +259,12 @@ struct LocalEvent {
     PyObject* const* args;
     const LocalState& local;
     EventKind kind;
-    Note* breakpoints = nullptr;           ///< for a LINE event: the note of the set
-    TssSlotRecord* slot_record = nullptr;  ///< for the other events: what has been read already, or null
+    TssSlotRecord*
+        slot_record;  ///< while it is being looked at; so null at first for a LINE event, which may not have to
+    Note* breakpoints = nullptr;  ///< for a LINE event: the note of the set
     PyObject* per_code_object = nullptr;
     bool is_ordinary = false;  ///< what `is_ordinary` says of the record
     const PerThreadData* thread_record = nullptr;
-    tss_cache::Look look = {};
 };
 
 /// The road of nearly every event where there is no global lock. Of the thread's record it only sees which objects its
@@ -296,11 +296,9 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
     }
 
     static bool find_code_record(const ModuleState& m, LocalEvent& event) {
-        event.per_code_object = local_state::recall(event.local, event.args[0]);
         // Another module object has a class of its own.
-        if (event.per_code_object == nullptr ||
-            as_object(shared::type_of(event.per_code_object)) != load(m.globals.CPerCodeObject) ||
-            load(m.quick_extra_index) < 0) {
+        if (!local_state::recall(event.local, event.args[0], event.per_code_object) ||
+            as_object(shared::type_of(event.per_code_object)) != load(m.globals.CPerCodeObject)) {
             return false;
         }
         // Another thread may be settling the record: what is not clear now may be so at the next look.
@@ -314,8 +312,15 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
     }
 
     static bool find_thread_record(const ModuleState& m, LocalEvent& event) {
-        TssSlotRecord* slot_record = kIsLine ? tss_cache::peek_slot_record() : event.slot_record;
-        PyObject* per_thread = slot_record != nullptr ? event.look.begin(*slot_record) : nullptr;
+        if constexpr (kIsLine) {
+            event.slot_record = tss_cache::peek_slot_record();
+            if (event.slot_record == nullptr) {
+                return false;
+            }
+            tss_cache::begin_look(*event.slot_record);
+            asymmetric_fence::light();
+        }
+        PyObject* per_thread = tss_cache::look_at(*event.slot_record);
         if (per_thread == nullptr || as_object(shared::type_of(per_thread)) != load(m.globals.CPerThread)) {
             return false;
         }
@@ -352,11 +357,17 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
         return enabled_bp_linenos != nullptr && enabled_bp_linenos != none() ? Step::Yes : Step::Stop;
     }
 
-    /// The last look at the thread's record: what follows may wait for a lock.
+    /// The last that is read of the thread's record: what follows a LINE event may wait for the set's lock.
     static Step is_stepping(LocalEvent& event) {
         const bool is_not = load(thread_record(event).fSteppingEventsNeeded) == xpy._Py_FalseStruct;
-        event.look.end();
+        if constexpr (kIsLine) {
+            end_look(event);
+        }
         return is_not ? Step::No : Step::Stop;
+    }
+
+    static void end_look(LocalEvent& event) {
+        tss_cache::end_look(*std::exchange(event.slot_record, nullptr));
     }
 
     static bool suspend(const ModuleState& /*m*/, const LocalEvent& event) {
@@ -479,17 +490,21 @@ bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& ca
     if (XPY_UNLIKELY(load_kind(callback) != EventKind::Line || _IsInitialCallbackLogging(m))) {
         return false;
     }
-    LocalEvent event{callback, args, local, EventKind::Line, &call.breakpoints};
-    return decide<LocalRoad<true>>(m, event) == Answer::Skip;
+    LocalEvent event{callback, args, local, EventKind::Line, nullptr, &call.breakpoints};
+    const Answer answer = decide<LocalRoad<true>>(m, event);
+    if (XPY_UNLIKELY(event.slot_record != nullptr)) {
+        LocalRoad<true>::end_look(event);
+    }
+    return answer == Answer::Skip;
 }
 
 bool is_call_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                             const LocalState& local, TssSlotRecord* slot_record) {
+                             const LocalState& local, TssSlotRecord& slot_record) {
     const EventKind kind = load_kind(callback);
     if (XPY_UNLIKELY(kind < EventKind::Start || _IsInitialCallbackLogging(m))) {
         return false;
     }
-    LocalEvent event{callback, args, local, kind, nullptr, slot_record};
+    LocalEvent event{callback, args, local, kind, &slot_record};
     return decide<LocalRoad<false>>(m, event) == Answer::Skip;
 }
 

@@ -40,13 +40,13 @@ bool is_line_skipped(const ModuleState& m, const InitialCallbackData& callback, 
 bool is_call_skipped(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
                      const TssSlotRecord& slot_record);
 
-/// The same without a global lock, with what the thread remembers in `local` and notes in `call` or at `slot_record`,
-/// which is null where the thread has none. The set of breakpoints is locked by its own membership test; no other lock
-/// is taken, unless the set is replaced meanwhile.
+/// The same without a global lock, with what the thread remembers in `local` and notes in `call`. `slot_record` is
+/// being looked at already. The set of breakpoints is locked by its own membership test; no other lock is taken, unless
+/// the set is replaced meanwhile.
 bool is_line_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
                              const LocalState& local, CallInProgress& call);
 bool is_call_skipped_locally(const ModuleState& m, const InitialCallbackData& callback, PyObject* const* args,
-                             const LocalState& local, TssSlotRecord* slot_record);
+                             const LocalState& local, TssSlotRecord& slot_record);
 
 /// Waits while the tracer holds the thread's suspend lock. False with an exception set.
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread);

@@ -134,15 +134,6 @@ void remember(PyObject* code_object, PyObject* per_code_object, std::uint64_t ep
     local->records[place_of(code_object)] = {code_object, per_code_object};
 }
 
-CallInProgress* inner_call(LocalState& local) {
-    for (CallInProgress& call : local.calls) {
-        if (is_over(call)) {
-            return &call;
-        }
-    }
-    return nullptr;
-}
-
 void drop_kept(Note& note) {
     Ref kept;  // dropped after the lock
     const ListLock lock;

@@ -64,10 +64,11 @@ inline std::size_t place_of(PyObject* code_object) {
     return reinterpret_cast<std::uintptr_t>(code_object) / 64 % LocalState::kRemembered;
 }
 
-/// The record that the thread remembers for a code object, borrowed; null where it has to be looked up.
-inline PyObject* recall(const LocalState& local, PyObject* code_object) {
+/// Whether the thread remembers the record of a code object, which is then in `per_code_object`, borrowed.
+inline bool recall(const LocalState& local, PyObject* code_object, PyObject*& per_code_object) {
     const LocalState::Remembered& found = local.records[place_of(code_object)];
-    return local.epoch == current_epoch() && found.code_object == code_object ? found.per_code_object : nullptr;
+    per_code_object = found.per_code_object;
+    return local.epoch == current_epoch() && found.code_object == code_object;
 }
 
 /// Remembers a record that was found in the code object's slot, in an epoch that had begun before the look. Makes the
@@ -97,17 +98,21 @@ inline bool is_over(const CallInProgress& call) {
     return XPY_LIKELY(__atomic_load_n(&call.callable.borrowed, __ATOMIC_RELAXED) == nullptr);
 }
 
-/// Room for the note of a call inside another one, or null.
-XPY_COLD CallInProgress* inner_call(LocalState& local);
-
-/// Notes a call. Null where so many are in progress already that there is no room. Notes end in any order: what a call
-/// runs may change the thread's stack for another one.
-inline CallInProgress* begin_call(LocalState& local, PyObject* callable) {
-    CallInProgress* call = is_over(local.calls[0]) ? &local.calls[0] : inner_call(local);
-    if (XPY_LIKELY(call != nullptr)) {
-        begin_note(call->callable, callable);
+/// Room for the note of one more call; null where so many are in progress already that there is none. Notes end in any
+/// order: what a call runs may change the thread's stack for another one.
+inline CallInProgress* room_for_call(LocalState& local) {
+    CallInProgress* call = local.calls;
+    while (!is_over(*call)) {
+        if (++call == local.calls + LocalState::kMostCalls) {
+            return nullptr;
+        }
     }
     return call;
+}
+
+/// Notes a call. What has been noted just before needs no fence of its own.
+inline void begin_call(CallInProgress& call, PyObject* callable) {
+    begin_note(call.callable, callable);
 }
 
 inline void end_call(CallInProgress& call) {

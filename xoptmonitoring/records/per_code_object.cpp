@@ -57,10 +57,10 @@ void update_quick_index(void* class_data) {
     }
     const bool is_open =
         (plain::is_fast_road_open() || shared::objects) && fields._fCodeObjectExtraIndex == fields.reserved_index;
+    __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_SEQ_CST);
     if (is_free_threaded()) {
-        local_state::begin_epoch();  // what a thread has just found in the dictionary is not to be believed later
+        local_state::begin_epoch();  // what threads remember lies in slots that may not be looked at any more
     }
-    __atomic_store_n(&fields.record.m->quick_extra_index, is_open ? fields.reserved_index : -1, __ATOMIC_RELEASE);
 }
 
 #define FIELD(name, type, doc) \
@@ -449,6 +449,19 @@ constexpr ClassDecl kClass = {
     kCacheLine};
 
 }  // namespace
+
+bool is_in_slot(ModuleState& m, PyObject* code_object, PyObject* per_code_object) {
+    PyObject* cls = as_object(type_of(per_code_object));
+    const Py_ssize_t index = __atomic_load_n(&m.quick_extra_index, __ATOMIC_SEQ_CST);
+    if (index < 0 || cls != __atomic_load_n(&m.globals.CPerCodeObject, __ATOMIC_RELAXED)) {
+        return false;
+    }
+    const CodeExtra extra = get_code_extra(cls, code_object, index);
+    if (extra.failed) {
+        xpy.PyErr_Clear();
+    }
+    return extra.value.get() == per_code_object;
+}
 
 Ref _GetExistingPerCodeObject(ModuleState& m, PyObject* code_object) {
     PyTypeObject* cls = this_class(m);

@@ -53,6 +53,10 @@ bool _UpdatePathnameFromFrame(ModuleState& m, PyObject* self, PyObject* f);
 /// set.
 bool reset(ModuleState& m);
 
+/// Whether a record of the class itself lies in the slot of `code_object`. Not while the tracer has records lie
+/// elsewhere. Sets no exception.
+bool is_in_slot(ModuleState& m, PyObject* code_object, PyObject* per_code_object);
+
 inline PerCodeObjectData& data(PyObject* self) {
     return instance_data_as<PerCodeObjectData>(self);
 }

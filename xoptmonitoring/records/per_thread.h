@@ -16,8 +16,11 @@ Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing);
 /// For a record of the class itself, on the fast and local roads.
 inline bool is_named(const ModuleState& m, const PerThreadData& record) {
     const PyObject* name = __atomic_load_n(&record.fThreadName, __ATOMIC_RELAXED);
-    if (XPY_LIKELY(name != none())) {
-        return name != nullptr;
+    if (XPY_LIKELY(name != none() && name != nullptr)) {
+        return true;
+    }
+    if (name == nullptr) {
+        return false;
     }
     const auto& class_fields = class_data_as<PerThreadClassData>(as_type(m.globals.CPerThread));
     return __atomic_load_n(&class_fields._fGetThreadNameCallback, __ATOMIC_RELAXED) == none();

@@ -36,13 +36,10 @@ Ref Get(ModuleState& m);
 /// The calling thread's slot record, borrowed; null where there is none or it is not this thread state's. For the fast
 /// and local roads. The slot record stays while its thread does nothing else.
 inline TssSlotRecord* peek_slot_record() {
+    const PyThreadState* tstate = xpy.PyThreadState_Get();  // a call, so it comes first
     TssSlotRecord* rec = current_slot_record;
-    if (XPY_UNLIKELY(rec == nullptr)) {
-        return nullptr;
-    }
     // A detached record names no thread state, and so none that runs.
-    const bool is_own = __atomic_load_n(&rec->tstate, __ATOMIC_RELAXED) == xpy.PyThreadState_Get();
-    return XPY_LIKELY(is_own) ? rec : nullptr;
+    return XPY_LIKELY(rec != nullptr && __atomic_load_n(&rec->tstate, __ATOMIC_RELAXED) == tstate) ? rec : nullptr;
 }
 
 /// The record that a slot record names, borrowed, or null where Get() has to be asked. For the fast road, where objects
@@ -52,38 +49,23 @@ inline const PerThreadData* peek(const ModuleState& m, const TssSlotRecord& rec)
     return XPY_LIKELY(is_own) ? &plain::data<PerThreadData>(rec.per_thread) : nullptr;
 }
 
-/// The calling thread's look at the record that its slot record names, without any lock, the global one included. Other
-/// threads can detach the record and drop it, but wait with that for the end of the look. So the thread reads words
-/// meanwhile and nothing else: it calls nothing that could wait or take long.
-class [[nodiscard]] Look {
-  public:
-    Look() noexcept = default;
-    ~Look() {
-        end();
-    }
-    Look(const Look&) = delete;
-    Look& operator=(const Look&) = delete;
-    Look(Look&&) = delete;
-    Look& operator=(Look&&) = delete;
+/// Notes that the calling thread looks at the record which its slot record names, without any lock, the global one
+/// included. Other threads can detach the record and drop it, but wait with that for the end of the look. So the thread
+/// reads words meanwhile and nothing else: it calls nothing that could wait or take long. Between this and the first
+/// `look_at` comes `asymmetric_fence::light()`: whoever detaches the record either finds the note or has been found
+/// out.
+inline void begin_look(TssSlotRecord& rec) {
+    __atomic_store_n(&static_cast<SharedTssSlotRecord&>(rec).reader, xpy.cached_pid, __ATOMIC_RELAXED);
+}
 
-    /// The record, borrowed until the end of the look; null where it has been detached. The note comes first, so that
-    /// whoever detaches the record now either finds the note or has been found out.
-    PyObject* begin(TssSlotRecord& rec) noexcept {
-        rec_ = &static_cast<SharedTssSlotRecord&>(rec);
-        __atomic_store_n(&rec_->reader, xpy.cached_pid, __ATOMIC_RELAXED);
-        asymmetric_fence::light();
-        return __atomic_load_n(&rec.per_thread, __ATOMIC_ACQUIRE);
-    }
-    void end() noexcept {
-        if (rec_ != nullptr) {
-            __atomic_store_n(&rec_->reader, 0, __ATOMIC_RELEASE);
-            rec_ = nullptr;
-        }
-    }
+/// The record, borrowed until the end of the look; null where it has been detached.
+inline PyObject* look_at(const TssSlotRecord& rec) {
+    return __atomic_load_n(&rec.per_thread, __ATOMIC_ACQUIRE);
+}
 
-  private:
-    SharedTssSlotRecord* rec_ = nullptr;
-};
+inline void end_look(TssSlotRecord& rec) {
+    __atomic_store_n(&static_cast<SharedTssSlotRecord&>(rec).reader, 0, __ATOMIC_RELEASE);
+}
 
 /// Makes `per_thread` the calling thread's cached record. Does nothing where the slot cannot be had. False with an
 /// exception set.
