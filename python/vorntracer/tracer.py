@@ -165,6 +165,7 @@ class Tracer:
         # Another object after each change that may make a place interesting; None while the tracer is not calm.
         # A second stage takes it first, and answers DISABLE only if it is the same at the end.
         self._calm = None
+        self._files = {}  # pathname -> the CPerFile that was announced last as the registered one
         self._told = []  # records of which the first stage was told the breakpoints, while not calm
         self._initial_callbacks = {}  # event -> its CInitialCallback
         self._first_stages = {}  # event -> the callable that the interpreter is given
@@ -211,6 +212,7 @@ class Tracer:
         xo.CPerThread.SetDebugPolicyCallback(self._debug_thread)
         xo.CPerThread.SetGetThreadNameCallback(_thread_name)
         xo.CPerThread.SetNewPerThreadCreatedCallback(self._on_new_thread)
+        xo.CPerFile.SetNewPerFileCreatedCallback(self._on_new_file)
         xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(self._on_new_code_object)
         for thread in xo.CPerThread.GetAllPerThreads():
             thread.GetDebugPolicy()
@@ -236,6 +238,7 @@ class Tracer:
             for event in self._first_stages:
                 _monitoring.register_callback(self.tool_id, event, None)
             xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(None)
+            xo.CPerFile.SetNewPerFileCreatedCallback(None)
             xo.CPerThread.SetNewPerThreadCreatedCallback(None)
             xo.CPerThread.SetGetThreadNameCallback(None)
             xo.CPerThread.SetDebugPolicyCallback(None)
@@ -249,6 +252,7 @@ class Tracer:
                     record.fEnabledBpLinenos = None
                     self._switch_events(record, None)
 
+            self._files.clear()
             self._told.clear()
             self._calm = None
             self._is_running = False
@@ -311,6 +315,9 @@ class Tracer:
         if pathname is None:
             raise ValueError("not the name of a file: {!r}".format(file))
         with self._lock:
+            # Asked twice: where another thread was making the record as well, the second answer is the one that
+            # is registered, or is still to come to `_on_new_file`.
+            xo.CPerFile.GetPerFile(pathname)
             per_file = xo.CPerFile.GetPerFile(pathname)
             breakpoint = Breakpoint(pathname, lineno, condition)
             per_file.fBpSetByLineno[lineno] = breakpoint
@@ -428,10 +435,32 @@ class Tracer:
 
     # New records
 
+    def _on_new_file(self, per_file):
+        """The native module has made the record of a file.
+
+        Threads that meet a file at the same moment each make one, and that which is stored last stays. What has
+        come to another one meanwhile is moved there; what comes to it later is filed once more by whoever
+        announces it.
+        """
+        with self._lock:
+            pathname = per_file.fCanonicalPathname
+            registered = xo.CPerFile.GetPerFile(pathname, False)
+            if not self._is_running or registered is None:
+                return
+            replaced = {per_file, self._files.get(pathname, per_file)} - {registered}
+            self._files[pathname] = registered
+            for other in replaced:
+                for lineno, breakpoint in other.fBpSetByLineno.items():
+                    registered.fBpSetByLineno.setdefault(lineno, breakpoint)
+                registered.fKnownPerCodeObjects.update(other.fKnownPerCodeObjects)
+            if replaced:
+                self._find_breakpoints_in_file(registered)
+
     def _on_new_code_object(self, record):
         """The native module has made the record of a code object that it met."""
         with self._lock:
             if self._is_running:
+                record._AddToPerFile()  # once more: another record of the file may have been registered since
                 self._find_breakpoints(record)
 
     def _on_new_thread(self, thread):

@@ -208,6 +208,51 @@ class WhenABreakpointTakesEffect(BreakpointCase):
         self.program.load().total([])
         self.assertEqual(self.stopped_lines(), ["start"])
 
+    def test_one_set_while_the_record_of_its_file_is_being_made_elsewhere_stops_in_it(self):
+        self.program.load()
+        self.tracer.start()
+        pathname = self.program.pathname
+        records = []
+
+        def meet_file_meanwhile(name):
+            if name == pathname and not records:
+                records.append(None)  # not again for what is made here
+                self.set_breakpoint("add")
+                records[0] = xo.CPerFile.GetPerFile(pathname)
+            return None
+
+        xo.set_checksum_callback(meet_file_meanwhile)
+        self.addCleanup(xo.set_checksum_callback, None)
+        self.program.total([])
+        self.assertEqual(len(records), 1)
+        self.assertIsNot(xo.CPerFile.GetPerFile(pathname), records[0], "the breakpoint's record was not replaced")
+        self.program.total([1, 2])
+        self.assertEqual(self.stopped_lines(), ["add", "add"])
+        self.assertEqual([breakpoint.lineno for breakpoint in self.tracer.breakpoints()], [self.program.line("add")])
+
+    def test_code_whose_files_record_was_replaced_is_found_by_a_later_breakpoint(self):
+        self.program.load()
+        self.tracer.start()
+        pathname = self.program.pathname
+        records = []
+
+        def meet_file_meanwhile(name):
+            if name == pathname and not records:
+                records.append(None)
+                xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
+                records[0] = xo.CPerFile.GetPerFile(pathname)
+            return None
+
+        xo.set_checksum_callback(meet_file_meanwhile)
+        self.addCleanup(xo.set_checksum_callback, None)
+        registered = xo.CPerFile.GetPerFile(pathname)
+        self.assertIsNot(registered, records[0])
+        total = xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
+        self.assertEqual(registered.fKnownPerCodeObjects, {total})
+        self.assertEqual(self.local_events(self.program.total), 0)
+        self.set_breakpoint("add")
+        self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
+
     def test_one_set_in_code_that_is_known_stops_at_its_next_run(self):
         self.tracer.start()
         self.program.load().total([1])

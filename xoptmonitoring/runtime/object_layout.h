@@ -42,10 +42,14 @@ struct Header {
 /// Whether this interpreter's objects are plain; all else in this namespace is for those alone.
 extern bool objects;
 
-inline constexpr auto& type_of = known::type_of<Header>;
+inline PyTypeObject* type_of(PyObject* object) {
+    return known::type_of<Header>(object);
+}
 
 template <class Data>
-inline constexpr auto& data = known::data<Header, Data>;
+Data& data(PyObject* self) {
+    return known::data<Header, Data>(self);
+}
 
 /// Keeps an object alive that is not immortal. In a debug build the interpreter's own total does not see it.
 class [[nodiscard]] Hold {
@@ -90,10 +94,14 @@ struct Header {
 /// Whether this interpreter's objects are these; all else in this namespace is for those alone.
 extern bool objects;
 
-inline constexpr auto& type_of = known::type_of<Header>;
+inline PyTypeObject* type_of(PyObject* object) {
+    return known::type_of<Header>(object);
+}
 
 template <class Data>
-inline constexpr auto& data = known::data<Header, Data>;
+Data& data(PyObject* self) {
+    return known::data<Header, Data>(self);
+}
 
 }  // namespace shared
 
