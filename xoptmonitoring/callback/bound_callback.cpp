@@ -155,7 +155,7 @@ PyObject* call_locally_for_call(PyObject* bound, PyObject* const* args, std::siz
     }
     TssSlotRecord* slot_record = tss_cache::peek_slot_record();
     if (XPY_UNLIKELY(slot_record == nullptr)) {
-        return call_bound(bound, args, nargsf, nullptr);
+        return call_locally_for_line(bound, args, nargsf, nullptr);  // notes the call, and goes the long way with it
     }
     return answer_locally<false>(bound, args, nargsf, slot_record);
 }
