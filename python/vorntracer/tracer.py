@@ -165,7 +165,7 @@ class Tracer:
         # Another object after each change that may make a place interesting; None while the tracer is not calm.
         # A second stage takes it first, and answers DISABLE only if it is the same at the end.
         self._calm = None
-        self._files = {}  # pathname -> the CPerFile that was announced last as the registered one
+        self._files = {}  # pathname -> the CPerFile that was seen last in the registry
         self._told = []  # records of which the first stage was told the breakpoints, while not calm
         self._initial_callbacks = {}  # event -> its CInitialCallback
         self._first_stages = {}  # event -> the callable that the interpreter is given
@@ -212,7 +212,6 @@ class Tracer:
         xo.CPerThread.SetDebugPolicyCallback(self._debug_thread)
         xo.CPerThread.SetGetThreadNameCallback(_thread_name)
         xo.CPerThread.SetNewPerThreadCreatedCallback(self._on_new_thread)
-        xo.CPerFile.SetNewPerFileCreatedCallback(self._on_new_file)
         xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(self._on_new_code_object)
         for thread in xo.CPerThread.GetAllPerThreads():
             thread.GetDebugPolicy()
@@ -238,7 +237,6 @@ class Tracer:
             for event in self._first_stages:
                 _monitoring.register_callback(self.tool_id, event, None)
             xo.CPerCodeObject.SetNewPerCodeObjectCreatedCallback(None)
-            xo.CPerFile.SetNewPerFileCreatedCallback(None)
             xo.CPerThread.SetNewPerThreadCreatedCallback(None)
             xo.CPerThread.SetGetThreadNameCallback(None)
             xo.CPerThread.SetDebugPolicyCallback(None)
@@ -246,13 +244,12 @@ class Tracer:
             # Records stay with their code objects. The next tracer may have other internal files and other
             # names for files, and has to be shown them again: so what they say of that is marked as not
             # known.
-            for per_file in xo.CPerFile.GetAllPerFiles():
+            for per_file in self._all_files():
                 for record in list(per_file.fKnownPerCodeObjects):
                     record.fUpdatePathnameNeeded = True
                     record.fEnabledBpLinenos = None
                     self._switch_events(record, None)
 
-            self._files.clear()
             self._told.clear()
             self._calm = None
             self._is_running = False
@@ -269,6 +266,7 @@ class Tracer:
         with self._lock:
             was_running = self._is_running
             self.stop()
+            self._files.clear()
             xo.reset()
             if was_running:
                 self.start()
@@ -315,10 +313,7 @@ class Tracer:
         if pathname is None:
             raise ValueError("not the name of a file: {!r}".format(file))
         with self._lock:
-            # Asked twice: where another thread was making the record as well, the second answer is the one that
-            # is registered, or is still to come to `_on_new_file`.
-            xo.CPerFile.GetPerFile(pathname)
-            per_file = xo.CPerFile.GetPerFile(pathname)
+            per_file = self._file(pathname, create=True)
             breakpoint = Breakpoint(pathname, lineno, condition)
             per_file.fBpSetByLineno[lineno] = breakpoint
             self._find_breakpoints_in_file(per_file)
@@ -327,7 +322,7 @@ class Tracer:
     def clear_breakpoint(self, breakpoint):
         """Take a breakpoint away. One that is not set, or was replaced, is left alone."""
         with self._lock:
-            per_file = xo.CPerFile.GetPerFile(breakpoint.pathname, False)
+            per_file = self._file(breakpoint.pathname)
             if per_file is not None and per_file.fBpSetByLineno.get(breakpoint.lineno) is breakpoint:
                 del per_file.fBpSetByLineno[breakpoint.lineno]
                 self._find_breakpoints_in_file(per_file)
@@ -337,9 +332,50 @@ class Tracer:
         with self._lock:
             return [
                 breakpoint
-                for per_file in xo.CPerFile.GetAllPerFiles()
+                for per_file in self._all_files()
                 for breakpoint in per_file.fBpSetByLineno.values()
             ]
+
+    def _file(self, pathname, create=False):
+        """Return the record of a file with all that was ever filed there; None where there is none.
+
+        Threads that meet a file at the same moment each make a record of it, and that which is stored last stays.
+        What the one before it was given is moved when that is noticed.
+        """
+        if create:
+            xo.CPerFile.GetPerFile(pathname)  # what this returns may just have been replaced
+        per_file = xo.CPerFile.GetPerFile(pathname, False)
+        if per_file is not None and per_file is not self._files.get(pathname):
+            with self._lock:
+                per_file = xo.CPerFile.GetPerFile(pathname, False)
+                replaced = self._files.get(pathname)
+                if per_file is not None and per_file is not replaced:
+                    self._files[pathname] = per_file
+                    if replaced is not None:
+                        self._refile(replaced, per_file)
+        return per_file
+
+    def _all_files(self):
+        """Return the records of all files, each as `_file` does."""
+        files = [self._file(per_file.fCanonicalPathname) for per_file in xo.CPerFile.GetAllPerFiles()]
+        return [per_file for per_file in files if per_file is not None]  # the module may just have been reset
+
+    def _refile(self, replaced, per_file):
+        """Move breakpoints and code objects from a file's replaced record to the one that is registered."""
+        for lineno, breakpoint in replaced.fBpSetByLineno.items():
+            per_file.fBpSetByLineno.setdefault(lineno, breakpoint)
+        for record in list(replaced.fKnownPerCodeObjects):
+            code = record.fCodeObjectWeakRef()
+            # Not one that died, or that was made twice: it is looked for in the new place when it is to be removed.
+            if code is not None and xo.CPerCodeObject.GetPerCodeObject(code, False) is record:
+                per_file.fKnownPerCodeObjects.add(record)
+        self._find_breakpoints_in_file(per_file)
+
+    def _know(self, record):
+        """Enter a code object's record, once more, into that of its file, and find its breakpoints."""
+        self._file(record.fCanonicalPathname, create=True)
+        record._AddToPerFile()
+        self._find_breakpoints(record)
 
     def _find_breakpoints_in_file(self, per_file):
         """Work out anew which breakpoints lie in which of the file's code objects."""
@@ -351,7 +387,7 @@ class Tracer:
     def _breakpoint_linenos(self, record):
         """Return the line numbers of a code object that have breakpoints, as a new set."""
         code = record.fCodeObjectWeakRef()
-        per_file = xo.CPerFile.GetPerFile(record.fCanonicalPathname, False)
+        per_file = self._file(record.fCanonicalPathname)
         if code is None or per_file is None or not per_file.fBpSetByLineno or record.fIsInternal:
             return set()
         breakpoints = per_file.fBpSetByLineno
@@ -375,7 +411,7 @@ class Tracer:
         Another thread may be changing breakpoints, or stopping or resetting the tracer: what is missing then
         is that the line has none.
         """
-        per_file = xo.CPerFile.GetPerFile(record.fCanonicalPathname, False)
+        per_file = self._file(record.fCanonicalPathname)
         return None if per_file is None else per_file.fBpSetByLineno.get(lineno)
 
     # Which events are on
@@ -435,33 +471,11 @@ class Tracer:
 
     # New records
 
-    def _on_new_file(self, per_file):
-        """The native module has made the record of a file.
-
-        Threads that meet a file at the same moment each make one, and that which is stored last stays. What has
-        come to another one meanwhile is moved there; what comes to it later is filed once more by whoever
-        announces it.
-        """
-        with self._lock:
-            pathname = per_file.fCanonicalPathname
-            registered = xo.CPerFile.GetPerFile(pathname, False)
-            if not self._is_running or registered is None:
-                return
-            replaced = {per_file, self._files.get(pathname, per_file)} - {registered}
-            self._files[pathname] = registered
-            for other in replaced:
-                for lineno, breakpoint in other.fBpSetByLineno.items():
-                    registered.fBpSetByLineno.setdefault(lineno, breakpoint)
-                registered.fKnownPerCodeObjects.update(other.fKnownPerCodeObjects)
-            if replaced:
-                self._find_breakpoints_in_file(registered)
-
     def _on_new_code_object(self, record):
         """The native module has made the record of a code object that it met."""
         with self._lock:
             if self._is_running:
-                record._AddToPerFile()  # once more: another record of the file may have been registered since
-                self._find_breakpoints(record)
+                self._know(record)
 
     def _on_new_thread(self, thread):
         """The native module has made the record of a thread, most often on that thread."""
@@ -481,8 +495,7 @@ class Tracer:
         if record.fEnabledBpLinenos is None:
             with self._lock:
                 if self._is_running:
-                    record._AddToPerFile()
-                    self._find_breakpoints(record)
+                    self._know(record)
         return record
 
     # The second stage

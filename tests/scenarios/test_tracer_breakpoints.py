@@ -208,50 +208,67 @@ class WhenABreakpointTakesEffect(BreakpointCase):
         self.program.load().total([])
         self.assertEqual(self.stopped_lines(), ["start"])
 
+    def replace_the_files_record(self, meanwhile):
+        """Has the file's record made, and before it is stored `meanwhile` called, which makes one, too."""
+        pathname = self.program.pathname
+        replaced = []
+
+        def make_another(name):
+            if name == pathname and not replaced:
+                replaced.append(None)  # not again for what is made here
+                meanwhile()
+                replaced[0] = xo.CPerFile.GetPerFile(pathname)
+            return None
+
+        xo.set_checksum_callback(make_another)
+        self.addCleanup(xo.set_checksum_callback, None)
+        registered = xo.CPerFile.GetPerFile(pathname)
+        self.assertIsNot(registered, replaced[0])
+        return registered
+
     def test_one_set_while_the_record_of_its_file_is_being_made_elsewhere_stops_in_it(self):
         self.program.load()
         self.tracer.start()
-        pathname = self.program.pathname
-        records = []
-
-        def meet_file_meanwhile(name):
-            if name == pathname and not records:
-                records.append(None)  # not again for what is made here
-                self.set_breakpoint("add")
-                records[0] = xo.CPerFile.GetPerFile(pathname)
-            return None
-
-        xo.set_checksum_callback(meet_file_meanwhile)
-        self.addCleanup(xo.set_checksum_callback, None)
-        self.program.total([])
-        self.assertEqual(len(records), 1)
-        self.assertIsNot(xo.CPerFile.GetPerFile(pathname), records[0], "the breakpoint's record was not replaced")
+        self.replace_the_files_record(lambda: self.set_breakpoint("add"))
         self.program.total([1, 2])
         self.assertEqual(self.stopped_lines(), ["add", "add"])
         self.assertEqual([breakpoint.lineno for breakpoint in self.tracer.breakpoints()], [self.program.line("add")])
 
+    def test_one_whose_files_record_was_replaced_can_be_cleared_and_replaced(self):
+        self.program.load()
+        self.tracer.start()
+        breakpoints = []
+        self.replace_the_files_record(lambda: breakpoints.append(self.set_breakpoint("add")))
+        self.tracer.clear_breakpoint(breakpoints[0])
+        self.program.total([1, 2])
+        self.assertEqual((self.stopped_lines(), self.tracer.breakpoints()), ([], []))
+
+        self.tracer.reset()
+        self.replace_the_files_record(lambda: breakpoints.append(self.set_breakpoint("add")))
+        again = self.set_breakpoint("add")
+        self.assertEqual(self.tracer.breakpoints(), [again])
+
+    def test_one_whose_files_record_was_replaced_outlives_a_stop_and_no_reset(self):
+        self.program.load()
+        self.tracer.start()
+        self.replace_the_files_record(lambda: self.set_breakpoint("add"))
+        self.tracer.stop()
+        self.tracer.start()
+        self.program.total([1])
+        self.assertEqual(self.stopped_lines(), ["add"])
+        self.tracer.reset()
+        self.program.total([1])
+        self.assertEqual((self.stopped_lines(), self.tracer.breakpoints()), ([], []))
+
     def test_code_whose_files_record_was_replaced_is_found_by_a_later_breakpoint(self):
         self.program.load()
         self.tracer.start()
-        pathname = self.program.pathname
-        records = []
-
-        def meet_file_meanwhile(name):
-            if name == pathname and not records:
-                records.append(None)
-                xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
-                records[0] = xo.CPerFile.GetPerFile(pathname)
-            return None
-
-        xo.set_checksum_callback(meet_file_meanwhile)
-        self.addCleanup(xo.set_checksum_callback, None)
-        registered = xo.CPerFile.GetPerFile(pathname)
-        self.assertIsNot(registered, records[0])
-        total = xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
-        self.assertEqual(registered.fKnownPerCodeObjects, {total})
-        self.assertEqual(self.local_events(self.program.total), 0)
+        code = self.program.total.__code__
+        registered = self.replace_the_files_record(lambda: xo.CPerCodeObject.GetPerCodeObject(code))
+        self.assertEqual(self.local_events(code), 0)
         self.set_breakpoint("add")
-        self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
+        self.assertEqual(self.local_events(code), sys.monitoring.events.LINE)
+        self.assertEqual(registered.fKnownPerCodeObjects, {xo.CPerCodeObject.GetPerCodeObject(code)})
 
     def test_one_set_in_code_that_is_known_stops_at_its_next_run(self):
         self.tracer.start()

@@ -148,6 +148,12 @@ PyObject* call_locally_for_line(PyObject* bound, PyObject* const* args, std::siz
     return answer_locally<true>(bound, args, nargsf, nullptr);
 }
 
+/// The way of a call in a thread without a record: it is noted all the same, and the entry for lines leaves it to the
+/// careful road then.
+XPY_COLD PyObject* call_without_slot_record(PyObject* bound, PyObject* const* args, std::size_t nargsf) {
+    return call_locally_for_line(bound, args, nargsf, nullptr);
+}
+
 /// The same for the events that start or end a call. The thread's slot comes first here too.
 PyObject* call_locally_for_call(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
     if (XPY_UNLIKELY(vectorcall_nargs(nargsf) == 0 || kwnames != nullptr)) {
@@ -155,7 +161,7 @@ PyObject* call_locally_for_call(PyObject* bound, PyObject* const* args, std::siz
     }
     TssSlotRecord* slot_record = tss_cache::peek_slot_record();
     if (XPY_UNLIKELY(slot_record == nullptr)) {
-        return call_locally_for_line(bound, args, nargsf, nullptr);  // notes the call, and goes the long way with it
+        return call_without_slot_record(bound, args, nargsf);
     }
     return answer_locally<false>(bound, args, nargsf, slot_record);
 }

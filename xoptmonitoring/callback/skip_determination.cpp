@@ -259,8 +259,8 @@ struct LocalEvent {
     PyObject* const* args;
     const LocalState& local;
     EventKind kind;
-    TssSlotRecord*
-        slot_record;  ///< while it is being looked at; so null at first for a LINE event, which may not have to
+    /// While it is being looked at; null else. A LINE event begins the look when it comes to need one.
+    TssSlotRecord* slot_record;
     Note* breakpoints = nullptr;  ///< for a LINE event: the note of the set
     PyObject* per_code_object = nullptr;
     bool is_ordinary = false;  ///< what `is_ordinary` says of the record

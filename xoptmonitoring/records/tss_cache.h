@@ -51,7 +51,7 @@ inline const PerThreadData* peek(const ModuleState& m, const TssSlotRecord& rec)
 
 /// Notes that the calling thread looks at the record which its slot record names, without any lock, the global one
 /// included. Other threads can detach the record and drop it, but wait with that for the end of the look. So the thread
-/// reads words meanwhile and nothing else: it calls nothing that could wait or take long. Between this and the first
+/// reads words meanwhile, and writes its own: it calls nothing that could wait or take long. Between this and the first
 /// `look_at` comes `asymmetric_fence::light()`: whoever detaches the record either finds the note or has been found
 /// out.
 inline void begin_look(TssSlotRecord& rec) {

@@ -57,8 +57,8 @@ struct ModuleState {
     /// `&module_state_tag` once execution has begun: a module of another kind can be given this module's type.
     const char* tag;
     PyObject* module;  ///< borrowed; null once teardown has begun
-    /// The code-extra slot in which the fast road finds a code object's record; -1 while the records lie elsewhere, or
-    /// the road is closed to this interpreter.
+    /// The code-extra slot in which the fast road finds a code object's record, and from which a thread remembers one
+    /// for the local road; -1 while the records lie elsewhere, or both roads are closed to this interpreter.
     Py_ssize_t quick_extra_index;
     InternalTypes types;
     ModuleGlobals globals;
