@@ -424,7 +424,9 @@ XPY_ALWAYS_INLINE Answer decide_second(typename Road::RoadEvent& event, EventKin
         // Not known yet, so the tracer has to see the event.
         return known == Step::No ? Answer::Call : Road::kStop;
     }
-    return kind == EventKind::Return && Road::load(record.fReturnEventsNeededCount) != 0 ? Answer::Call : Answer::Skip;
+    // The count comes first: it is the one of the two that tells most events from the rest.
+    const bool is_awaited = XPY_UNLIKELY(Road::load(record.fReturnEventsNeededCount) != 0) && kind == EventKind::Return;
+    return is_awaited ? Answer::Call : Answer::Skip;
 }
 
 /// The thread's part of the decision.
