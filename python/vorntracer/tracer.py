@@ -340,7 +340,7 @@ class Tracer:
         """Return the record of a file with all that was ever filed there; None where there is none.
 
         Threads that meet a file at the same moment each make a record of it, and that which is stored last stays.
-        What the one before it was given is moved when that is noticed.
+        What the one before it was given is taken over when that is noticed.
         """
         if create:
             xo.CPerFile.GetPerFile(pathname)  # what this returns may just have been replaced
@@ -361,7 +361,7 @@ class Tracer:
         return [per_file for per_file in files if per_file is not None]  # the module may just have been reset
 
     def _refile(self, replaced, per_file):
-        """Move breakpoints and code objects from a file's replaced record to the one that is registered."""
+        """Give a file's registered record the breakpoints and code objects of the one that it replaced."""
         for lineno, breakpoint in replaced.fBpSetByLineno.items():
             per_file.fBpSetByLineno.setdefault(lineno, breakpoint)
         for record in list(replaced.fKnownPerCodeObjects):

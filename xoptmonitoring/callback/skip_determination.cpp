@@ -16,6 +16,7 @@
 #include "xoptmonitoring/records/tss_cache.h"
 
 #include <type_traits>
+#include <utility>
 
 namespace initial_callback {
 namespace {

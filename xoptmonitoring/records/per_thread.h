@@ -16,11 +16,11 @@ Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing);
 /// For a record of the class itself, on the fast and local roads.
 inline bool is_named(const ModuleState& m, const PerThreadData& record) {
     const PyObject* name = __atomic_load_n(&record.fThreadName, __ATOMIC_RELAXED);
-    if (XPY_LIKELY(name != none() && name != nullptr)) {
-        return true;
-    }
-    if (name == nullptr) {
+    if (XPY_UNLIKELY(name == nullptr)) {
         return false;
+    }
+    if (XPY_LIKELY(name != none())) {
+        return true;
     }
     const auto& class_fields = class_data_as<PerThreadClassData>(as_type(m.globals.CPerThread));
     return __atomic_load_n(&class_fields._fGetThreadNameCallback, __ATOMIC_RELAXED) == none();
