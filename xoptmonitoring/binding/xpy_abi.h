@@ -37,6 +37,7 @@ using vectorcallfunc = PyObject* (*)(PyObject* callable, PyObject* const* args, 
 using initproc = int (*)(PyObject* self, PyObject* args, PyObject* keywords);
 using setattrofunc = int (*)(PyObject* self, PyObject* name, PyObject* value);
 using destructor = void (*)(PyObject* self);
+using freefunc = void (*)(void* self);
 using descrgetfunc = PyObject* (*)(PyObject* self, PyObject* object, PyObject* type);
 using getter = PyObject* (*)(PyObject* self, void* closure);
 using setter = int (*)(PyObject* self, PyObject* value, void* closure);
@@ -117,6 +118,7 @@ inline constexpr int Py_tp_setattro = 69;
 inline constexpr int Py_tp_traverse = 71;
 inline constexpr int Py_tp_members = 72;
 inline constexpr int Py_tp_getset = 73;
+inline constexpr int Py_tp_free = 74;
 inline constexpr int Py_tp_finalize = 80;
 
 // Flags of PyType_Spec.

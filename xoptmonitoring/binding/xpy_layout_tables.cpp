@@ -443,6 +443,39 @@ const XPy_FieldWithSize py3d14_tstate_fields[] = {
     {nullptr, 0},
 };
 
+// Thread state, 3.15. The record's offsets stay absent there; this is for what is kept beside it.
+const XPy_FieldWithSize py3d15_tstate_fields[] = {
+    {"prev", 8},
+    {"next", 8},
+    {"interp", 8},
+    {"eval_breaker", 8},
+    {"_status", 4},
+    {"holds_gil", 4},
+    {"gil_requested", 4},
+    {"_whence", 4},
+    {"state", 4},
+    {"py_recursion_remaining", 4},
+    {"py_recursion_limit", 4},
+    {"recursion_headroom", 4},
+    {"tracing", 4},
+    {"what_event", 4},
+    {"current_frame", 8},
+    {"base_frame", 8},
+    {"last_profiled_frame", 8},
+    {"last_profiled_frame_seq", 8},
+    {"c_profilefunc", 8},
+    {"c_tracefunc", 8},
+    {"c_profileobj", 8},
+    {"c_traceobj", 8},
+    {"current_exception", 8},
+    {"exc_info", 8},
+    {"dict", 8},
+    {"gilstate_counter", 4},
+    {"async_exc", 8},
+    {"thread_id", 8},
+    {nullptr, 0},
+};
+
 // Interpreter state, 3.6.
 const XPy_FieldWithSize py3d6_interpreter_state_fields[] = {
     {"next", 8},

@@ -9,6 +9,7 @@
 #include <string_view>
 
 std::int64_t tstate_exc_info_offset = -1;
+std::int64_t tstate_dict_offset = -1;
 
 namespace {
 
@@ -143,7 +144,15 @@ void learn_cframe_fields() {
     }
 }
 
+/// The same with the versions of which only what is kept beside the record is told.
+const XPy_FieldWithSize* select_private_tstate_fields() {
+    return is_3_between(15, 15) ? py3d15_tstate_fields : select_tstate_fields();
+}
+
 void learn_tstate_fields() {
+    if (const XPy_FieldWithSize* table = select_private_tstate_fields()) {
+        tstate_dict_offset = FindFieldOffsetMissingOk("dict", table);
+    }
     const XPy_FieldWithSize* table = select_tstate_fields();
     if (table == nullptr) {
         std::fputs("Cannot find tstate fields for this python version\n", stderr);
@@ -247,6 +256,7 @@ void forget_layouts() {
     forget(xpy.cframe_offsets);
     forget(xpy.typeobject_offsets);
     tstate_exc_info_offset = kAbsent;
+    tstate_dict_offset = kAbsent;
     xpy.max_align = kMaxAlign;
 }
 

@@ -39,6 +39,7 @@ extern const XPy_FieldWithSize py3d11_tstate_fields[];
 extern const XPy_FieldWithSize py3d12_tstate_fields[];
 extern const XPy_FieldWithSize py3d13_tstate_fields[];
 extern const XPy_FieldWithSize py3d14_tstate_fields[];
+extern const XPy_FieldWithSize py3d15_tstate_fields[];
 extern const XPy_FieldWithSize py3d6_interpreter_state_fields[];
 extern XPy_FieldWithSize py3d7_interpreter_state_fields[];  // its -1 rows are filled in at binding
 extern XPy_FieldWithSize py3d8_interpreter_state_fields[];  // its -1 row is filled in at binding
@@ -66,3 +67,6 @@ void learn_frame_layouts();
 /// Offset in the thread state of the pointer to the innermost handled-exception record (3.7 to 3.14), or -1.
 /// Kept beside the record, whose fields other native modules rely on.
 extern std::int64_t tstate_exc_info_offset;
+
+/// Offset in the thread state of the pointer to its dictionary, or -1; beside the record as well.
+extern std::int64_t tstate_dict_offset;

@@ -2,6 +2,7 @@
 #include "xoptmonitoring/callback/reset.h"
 
 #include "xoptmonitoring/pathnames/canonical_pathname_mgr.h"
+#include "xoptmonitoring/records/forked_child.h"
 #include "xoptmonitoring/records/per_code_object.h"
 #include "xoptmonitoring/records/per_file.h"
 #include "xoptmonitoring/records/per_thread.h"
@@ -24,8 +25,11 @@ bool reset_pathnames(ModuleState& m) {
 /// Makes this process the one whose events count. False with an exception set.
 bool adopt_process(ModuleState& m) {
     const bool forked = load_global(m.globals._gThisProcessPid) != xpy.cached_pid;
-    if (forked && !per_thread::replace_lost_lock(m)) {
-        return false;
+    if (forked) {
+        forked_child::free_registries(m);
+        if (!per_thread::replace_lost_lock(m)) {
+            return false;
+        }
     }
     store_global(m, m.globals._gThisProcessPid, xpy.cached_pid);
     return true;

@@ -13,6 +13,7 @@
 
 #include "xoptmonitoring/records/per_code_object.h"
 #include "xoptmonitoring/records/per_thread.h"
+#include "xoptmonitoring/records/thread_exit.h"
 #include "xoptmonitoring/records/tss_cache.h"
 
 #include <type_traits>
@@ -114,6 +115,15 @@ struct CarefulRoad : SharedRoad<CarefulRoad> {
     static bool find_thread_record(ModuleState& m, HeldEvent& event) {
         event.per_thread = __GetPerThreadCalledFromCallback(m);
         return static_cast<bool>(event.per_thread);
+    }
+
+    /// A thread whose state is just being cleared is not debugged any more, and that is no failure.
+    static Answer answer_without_thread_record() {
+        if (!thread_exit::is_at_its_end()) {
+            return kStop;
+        }
+        xpy.PyErr_Clear();
+        return Answer::Skip;
     }
 
     static bool log(ModuleState& m, PyObject* MessageLiterals::*text) {
@@ -434,6 +444,9 @@ XPY_ALWAYS_INLINE Answer decide_second(typename Road::RoadEvent& event, EventKin
 template <class Road>
 XPY_ALWAYS_INLINE Answer decide_by_thread(RoadState<Road>& m, typename Road::RoadEvent& event) {
     if (XPY_UNLIKELY(!Road::find_thread_record(m, event))) {
+        if constexpr (std::is_same_v<Road, CarefulRoad>) {
+            return Road::answer_without_thread_record();
+        }
         return Road::kStop;
     }
     if (XPY_UNLIKELY(Road::load(Road::thread_record(event).fDebugPolicy) == 0)) {

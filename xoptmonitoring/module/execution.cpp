@@ -11,6 +11,7 @@
 #include "xoptmonitoring/pathnames/pathname_functions.h"
 #include "xoptmonitoring/pathnames/pathname_kinds.h"
 #include "xoptmonitoring/records/code_extra.h"
+#include "xoptmonitoring/records/forked_child.h"
 #include "xoptmonitoring/records/per_code_object.h"
 #include "xoptmonitoring/records/per_file.h"
 #include "xoptmonitoring/records/per_thread.h"
@@ -249,7 +250,7 @@ bool finish(ModuleState& m) {
 bool execute(ModuleState& m) {
     return create_internal_types(m) && fill_tables(m) && import_standard_modules(m) && import_companions(m) &&
            set_constants(m) && add_functions(m, kInterpreterFunctions) && set_process_globals(m) && create_records(m) &&
-           create_pathnames(m) && finish(m);
+           create_pathnames(m) && finish(m) && forked_child::watch_forks(m);
 }
 
 /// Names the interpreter entry points without which execution cannot even begin; older interpreters lack some.

@@ -234,14 +234,31 @@ int may_create(ModuleState& m, PyObject* thread_id) {
     return call_method(cleaned_up.get(), m.names.discard, thread_id) ? 1 : -1;
 }
 
+/// The same object where it is a record: Python code can fill the registry, and have the class make something else.
+Ref checked_record(ModuleState& m, Ref per_thread) {
+    PyTypeObject* cls = per_thread ? this_class(m) : nullptr;
+    if (cls == nullptr) {
+        return {};
+    }
+    if (!is_instance_of(per_thread.get(), cls)) {
+        raise_expected("CPerThread", per_thread.get());
+        return {};
+    }
+    return per_thread;
+}
+
 Ref find_or_create(ModuleState& m, PyObject* thread_id, bool for_current_thread, bool create_missing) {
+    if (for_current_thread && thread_exit::is_at_its_end()) {
+        return new_none();
+    }
     const Ref records = class_slot(m, &ClassData::_fPerThreadDict);
     Ref per_thread = records ? dict_get(records.get(), thread_id, m.names.get) : Ref();
     if (!per_thread) {
         return {};
     }
     if (per_thread.get() != none()) {
-        if (for_current_thread && !adopt_by_own_thread(m, thread_id, per_thread.get())) {
+        per_thread = checked_record(m, std::move(per_thread));
+        if (per_thread && for_current_thread && !adopt_by_own_thread(m, thread_id, per_thread.get())) {
             return {};
         }
         return per_thread;
@@ -253,7 +270,7 @@ Ref find_or_create(ModuleState& m, PyObject* thread_id, bool for_current_thread,
     if (allowed <= 0) {
         return allowed < 0 ? Ref() : new_none();
     }
-    per_thread = call(as_object(this_class(m)), thread_id);
+    per_thread = checked_record(m, call(as_object(this_class(m)), thread_id));
     if (per_thread && for_current_thread && !cache_own(m, thread_id, per_thread.get())) {
         return {};
     }
@@ -572,7 +589,10 @@ bool reset(ModuleState& m) {
         return record != nullptr;
     };
     const auto disarm = [&m](PyObject* cs) { return thread_exit::disarm(m, cs); };
-    const auto disarm_own = [&m](PyObject* cs) { return thread_exit::disarm_own(m, cs); };
+    const auto disarm_own = [&m](PyObject* cs) {
+        thread_exit::disarm_own(m, cs);
+        return true;
+    };
     if (!drop_own_capsule(m) || !for_each_value(m, &ClassData::_fPerThreadDict, detach)) {
         return false;
     }
@@ -601,13 +621,18 @@ PyObject* get_class(PyObject* self, void* /*closure*/) {
     return Ref::share(as_object(type_of(self))).release();
 }
 
-/// Another class may finalise otherwise, and the storage cache would keep what it borrowed.
+/// Another class may finalise otherwise, and the storage cache would keep what it borrowed. This is for the clear word,
+/// and for instances of subclasses.
 int refuse_class(PyObject* /*self*/, PyObject* /*value*/, void* /*closure*/) {
     xpy.PyErr_SetString(xpy.PyExc_TypeError, "the class of a CPerThread cannot be changed");
     return -1;
 }
 
 PyGetSetDef fixed_class = {"__class__", get_class, refuse_class, "The record's class, for good.", nullptr};
+
+void free_instance(void* self) {
+    xpy.PyObject_GC_Del(self);
+}
 
 bool fix_class_of_instances(PyObject* cls) {
     const Ref descriptor = Ref::steal(xpy.PyDescr_NewGetSet(as_type(cls), &fixed_class));
@@ -623,7 +648,12 @@ bool fix_class_of_instances(PyObject* cls) {
 }  // namespace
 
 Ref create(ModuleState& m) {
-    Ref cls = create_class(m, blueprint<kClass>(finalize), m.types.CPerThread_class);
+    ClassBlueprint plan = blueprint<kClass>(finalize);
+    // The interpreter lets an instance change its class for another of the same layout that is freed in the same way,
+    // by `object`'s own descriptor too. A class made in Python is freed in the interpreter's way, so that this one
+    // keeps its instances apart from those of its subclasses, which may finalise otherwise.
+    plan.instance.free = xpy.PyObject_GC_Del != nullptr ? free_instance : nullptr;
+    Ref cls = create_class(m, plan, m.types.CPerThread_class);
     const bool made = cls && fix_class_of_instances(cls.get()) && fill_class_fields(m, as_type(cls.get()));
     return made ? std::move(cls) : Ref();
 }

@@ -4,8 +4,13 @@
 // a small object planted there dies exactly then, and the finaliser attached to it runs the clean-up on the exiting
 // thread. Two sets of thread ids settle what can happen meanwhile: a record discarded by hand, an id given to a new
 // thread, Python code that asks for the thread's record from within the clean-up.
+//
+// The clean-up is not the last that runs on the thread: `weakref.finalize` has to return from it, and the interpreter
+// goes on clearing the thread state. So the capsule itself, as it dies, looks whether the dictionary that it was
+// planted in is the thread state's no more, and notes that the thread is at its end.
 #include "xoptmonitoring/records/thread_exit.h"
 
+#include "xoptmonitoring/binding/xpy_layouts.h"
 #include "xoptmonitoring/records/per_thread.h"
 #include "xoptmonitoring/records/registry_lock.h"
 #include "xoptmonitoring/records/tracing.h"
@@ -25,17 +30,47 @@ constexpr FieldDecl kFields[] = {
      "The weakref.finalize of the thread's capsule; None while no capsule is planted."},
 };
 
+/// What a capsule knows of the place it was planted in; all zero in one that was not.
+struct CapsuleData {
+    const PyObject* dict;  ///< borrowed, and only compared
+    std::uint64_t thread_state_id;
+};
+
+/// The id of the thread state whose end has begun on this native thread, or 0. The interpreter gives no id twice.
+constinit thread_local std::uint64_t ended_thread_state_id = 0;
+
+/// 0 where the interpreter gives none.
+std::uint64_t current_thread_state_id() {
+    return xpy.PyThreadState_GetID != nullptr ? xpy.PyThreadState_GetID(xpy.PyThreadState_Get()) : 0;
+}
+
+/// The dictionary of the calling thread's state, borrowed, or null. Read in its place: the interpreter's function makes
+/// one where there is none, and what it makes at a thread's end is never freed.
+const PyObject* current_thread_state_dict() {
+    if (tstate_dict_offset == -1) {
+        return xpy.PyThreadState_GetDict();
+    }
+    return *XPy_GetFieldAddress<PyObject*>(xpy.PyThreadState_Get(), tstate_dict_offset);
+}
+
 Data& data(PyObject* self) {
     return instance_data_as<Data>(self);
 }
 
-/// Data of `object`, or null with TypeError set; also for an object from a registry that Python code has filled.
-Data* checked_data(ModuleState& m, PyObject* object) {
-    const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
-    if (!cls) {
-        return nullptr;
-    }
-    if (!is_instance_of(object, as_type(cls.get()))) {
+/// Whether an object is an instance of a class made from this declaration, or of one that extends it: its class has the
+/// declaration's metaclass, which nothing else has. The class-level fields say nothing, since anybody may fill them.
+bool has_metaclass(PyObject* object, PyObject* metaclass) {
+    return as_object(type_of(as_object(type_of(object)))) == metaclass;
+}
+
+bool is_own(const ModuleState& m, PyObject* object) {
+    return has_metaclass(object, m.types.CCleanupSupport_class);
+}
+
+/// Data of `object`, or null with TypeError set; also for an object that Python code has put into a registry, or that a
+/// class has made which it has put into the place of this one.
+Data* checked_data(const ModuleState& m, PyObject* object) {
+    if (!is_own(m, object)) {
         raise_expected_instance("_CCleanupSupport", object);
         return nullptr;
     }
@@ -216,7 +251,7 @@ constexpr FunctionDecl kCleanupMethods[] = {
 constexpr ClassDecl kCapsuleClass = {
     NESTED_CLASS_NAMES(CPerThread, _CCapsule),
     "The marker in a thread-state dictionary: it can be weakly referenced, and nothing else.",
-    0,
+    sizeof(CapsuleData),
     {},
     sizeof(ClassRecord),
     {},
@@ -231,10 +266,35 @@ constexpr ClassDecl kCleanupSupportClass = {NESTED_CLASS_NAMES(CPerThread, _CCle
                                             {},
                                             kCleanupMethods};
 
+/// Tells the capsule where it is being planted; nothing where that is not the thread state's own dictionary.
+void note_place(const ModuleState& m, PyObject* capsule, PyObject* dict) {
+    const bool is_thread_states = xpy.PyThreadState_GetDict() == dict && current_thread_state_dict() == dict;
+    if (is_thread_states && has_metaclass(capsule, m.types.CCapsule_class)) {
+        instance_data_as<CapsuleData>(capsule) = {dict, current_thread_state_id()};
+    }
+}
+
+/// Comes before the weak references to the capsule are called, and so before the clean-up. The dictionary still lies
+/// where it was while it is being cleared, so no other one can be in its place.
+void finalize_capsule(PyObject* self) {
+    const CapsuleData& capsule = instance_data_as<CapsuleData>(self);
+    const bool is_thread_states =
+        capsule.dict != nullptr && capsule.thread_state_id != 0 && capsule.thread_state_id == current_thread_state_id();
+    if (is_thread_states && current_thread_state_dict() != capsule.dict) {
+        ended_thread_state_id = capsule.thread_state_id;
+        tss_cache::Clear();
+    }
+    generated::Class<kCapsuleClass>::finalize(self);
+}
+
 }  // namespace
 
+bool is_at_its_end() {
+    return XPY_UNLIKELY(ended_thread_state_id != 0) && ended_thread_state_id == current_thread_state_id();
+}
+
 Ref create_capsule_class(ModuleState& m) {
-    return create_class(m, blueprint<kCapsuleClass>(), m.types.CCapsule_class);
+    return create_class(m, blueprint<kCapsuleClass>(finalize_capsule), m.types.CCapsule_class);
 }
 
 Ref create_cleanup_support_class(ModuleState& m) {
@@ -243,37 +303,59 @@ Ref create_cleanup_support_class(ModuleState& m) {
 
 Ref new_cleanup_support(ModuleState& m, PyObject* per_thread) {
     const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
-    return cls ? call(cls.get(), per_thread) : Ref();
+    Ref cleanup_support = cls ? call(cls.get(), per_thread) : Ref();
+    return cleanup_support && checked_data(m, cleanup_support.get()) != nullptr ? std::move(cleanup_support) : Ref();
 }
+
+namespace {
+
+/// A new capsule's finaliser, which runs the clean-up.
+Ref watch(ModuleState& m, PyObject* self, PyObject* capsule) {
+    const Ref weakref = load_global(m, m.globals.weakref);
+    const Ref destructor = weakref ? get_attr(self, m.names._CCleanupSupport__CapsuleDestructor) : Ref();
+    Ref finalizer = destructor ? call_method(weakref.get(), m.names.finalize, capsule, destructor.get()) : Ref();
+    // Not at interpreter exit, where weakref would run it while the thread lives on: the next event would make a new
+    // record with a new finaliser, and so on without end.
+    if (!finalizer || xpy.PyObject_SetAttr(finalizer.get(), m.names.atexit, xpy._Py_FalseStruct) != 0) {
+        return {};
+    }
+    return finalizer;
+}
+
+/// Puts the capsule into the dictionary. One that is there already goes without running this object's clean-up.
+bool plant(ModuleState& m, PyObject* self, PyObject* dict, PyObject* capsule, Ref finalizer) {
+    const Ref key = load_global(m, m.globals._gThreadStateDictKey);
+    const Ref existing = key ? dict_get(dict, key.get(), m.names.get) : Ref();
+    int is_capsule = 0;
+    if (!existing || !is_instance_of_capsule(m, existing.get(), &is_capsule) ||
+        (is_capsule != 0 && !detach_finalizer(m, self))) {
+        return false;
+    }
+    note_place(m, capsule, dict);
+    store_field(self, data(self)._fFinalizer, std::move(finalizer));
+    return dict_set(dict, key.get(), capsule);
+}
+
+}  // namespace
 
 bool SetCapsuleInThreadStateDict(ModuleState& m, PyObject* cleanup_support) {
     PyObject* self = cleanup_support;
     if (checked_data(m, self) == nullptr) {
         return false;
     }
+    if (is_at_its_end()) {
+        return true;  // the dictionary is gone, and a new one would never be cleared
+    }
     const Ref thread_local_dict = _GetThreadStateDict(m);
     if (!thread_local_dict || thread_local_dict.get() == none()) {
         return static_cast<bool>(thread_local_dict);
     }
-    const Ref key = load_global(m, m.globals._gThreadStateDictKey);
-    const Ref existing = key ? dict_get(thread_local_dict.get(), key.get(), m.names.get) : Ref();
-    int is_capsule = 0;
-    if (!existing || !is_instance_of_capsule(m, existing.get(), &is_capsule) ||
-        (is_capsule != 0 && !detach_finalizer(m, self))) {
-        return false;
-    }
     const Ref capsule_class = per_thread::class_slot(m, &ThreadClassData::_CCapsule);
     const Ref capsule = capsule_class ? call(capsule_class.get()) : Ref();
-    const Ref weakref = capsule ? load_global(m, m.globals.weakref) : Ref();
-    const Ref destructor = weakref ? get_attr(self, m.names._CCleanupSupport__CapsuleDestructor) : Ref();
-    Ref finalizer = destructor ? call_method(weakref.get(), m.names.finalize, capsule.get(), destructor.get()) : Ref();
-    // Not at interpreter exit, where weakref would run it while the thread lives on: the next event would make a new
-    // record with a new finaliser, and so on without end.
-    if (!finalizer || xpy.PyObject_SetAttr(finalizer.get(), m.names.atexit, xpy._Py_FalseStruct) != 0) {
-        return false;
-    }
-    store_field(self, data(self)._fFinalizer, std::move(finalizer));
-    return dict_set(thread_local_dict.get(), key.get(), capsule.get());
+    Ref finalizer = capsule ? watch(m, self, capsule.get()) : Ref();
+    // The look at what is planted already comes after that: where weakref's own code is monitored, its first event has
+    // asked for this very record, and armed it.
+    return finalizer && plant(m, self, thread_local_dict.get(), capsule.get(), std::move(finalizer));
 }
 
 int is_armed(ModuleState& m, PyObject* cleanup_support) {
@@ -286,23 +368,17 @@ int is_armed(ModuleState& m, PyObject* cleanup_support) {
 }
 
 bool disarm(ModuleState& m, PyObject* cleanup_support) {
-    const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
-    if (!cls) {
-        return false;
-    }
-    if (!is_instance_of(cleanup_support, as_type(cls.get()))) {
+    if (!is_own(m, cleanup_support)) {
         return static_cast<bool>(call_method(cleanup_support, m.names.Clear));
     }
     Clear(m, cleanup_support, true);
     return true;
 }
 
-bool disarm_own(ModuleState& m, PyObject* cleanup_support) {
-    const Ref cls = per_thread::class_slot(m, &ThreadClassData::_CCleanupSupport);
-    if (cls && is_instance_of(cleanup_support, as_type(cls.get()))) {
+void disarm_own(ModuleState& m, PyObject* cleanup_support) {
+    if (is_own(m, cleanup_support)) {
         Clear(m, cleanup_support, true);
     }
-    return static_cast<bool>(cls);
 }
 
 int _IsCapsuleDestructorBeingInvoked(ModuleState& m) {

@@ -10,6 +10,10 @@ struct CleanupSupportData {
 
 namespace thread_exit {
 
+/// Whether the calling thread is at its end: the dictionary of its thread state, and the capsule in it, are gone, and
+/// what still runs there is the last of that thread state. Nothing could take a record away again that it got now.
+bool is_at_its_end();
+
 /// Create the nested classes. Empty with an exception set.
 Ref create_capsule_class(ModuleState& m);
 Ref create_cleanup_support_class(ModuleState& m);
@@ -27,8 +31,8 @@ int is_armed(ModuleState& m, PyObject* cleanup_support);
 /// to `Clear()` itself. False with an exception set.
 bool disarm(ModuleState& m, PyObject* cleanup_support);
 
-/// The same for a clean-up of the class only, and nothing for something else. False with an exception set.
-bool disarm_own(ModuleState& m, PyObject* cleanup_support);
+/// The same for a clean-up of the class only, and nothing for something else.
+void disarm_own(ModuleState& m, PyObject* cleanup_support);
 
 /// Whether the calling thread is inside its own clean-up: 1, 0, or -1 with an exception set.
 int _IsCapsuleDestructorBeingInvoked(ModuleState& m);

@@ -1,14 +1,15 @@
 // _CPerThreadTssCache: the running thread's record, one thread-specific read away.
 //
 // Each thread that has stored something owns one slot record. It points at the thread's CPerThread, and that points
-// back: slot record R names X exactly when X's `_fPyTssDataPtr` is R, but for the moment inside Store. Slot records
-// are freed by their own thread only; another thread that detaches a record zeroes it and leaves it to its owner.
+// back: slot record R names X exactly when X's `_fPyTssDataPtr` is R, but for the moment inside Store. Another thread
+// that detaches a record zeroes the slot record and leaves it to its owner. A slot record is freed by its own thread,
+// at the latest when that ends; where it still names something then, whoever detaches that frees it.
 //
 // Locking: on free-threaded interpreters `_gXOptTssCacheLock` guards the key's creation and every change of slot
-// records and back pointers. Names that end in `_locked` are called with it held. A thread may look at what its own
-// slot record names without it; whoever empties the slot record waits for the end of that look. A record whose count
-// has come to zero on another thread stays in its slot until its finaliser gets the lock, and must not be counted up
-// again: Get asks a weak reference for it, which tells the living from the dying.
+// records and back pointers, but for the native thread's end. Names that end in `_locked` are called with it held. A
+// thread may look at what its own slot record names without it; whoever empties the slot record waits for the end of
+// that look. A record whose count has come to zero on another thread stays in its slot until its finaliser gets the
+// lock, and must not be counted up again: Get asks a weak reference for it, which tells the living from the dying.
 #include "xoptmonitoring/records/tss_cache.h"
 
 #include <cstdlib>
@@ -23,6 +24,27 @@ namespace {
 
 PyMutex _gXOptTssCacheLock = {};
 
+/// Under this key of the C library's each thread has its slot record once more, to be told of its own end: keys of the
+/// interpreter's do not tell.
+pthread_key_t end_key;
+bool has_end_key = false;
+
+/// What the thread-state field of a slot record says once its thread has ended.
+PyThreadState* thread_gone() {
+    return reinterpret_cast<PyThreadState*>(1);
+}
+
+/// The calling native thread ends. It may have no thread state any more and waits for nobody, the global lock included;
+/// so it leaves a slot record that still names something to whoever detaches that.
+void end_thread(void* slot_record) {
+    auto* rec = static_cast<TssSlotRecord*>(slot_record);
+    xpy.PyThread_tss_set(_gXOptPerThreadTssKey, nullptr);
+    current_slot_record = nullptr;
+    if (__atomic_exchange_n(&rec->tstate, thread_gone(), __ATOMIC_ACQ_REL) == nullptr) {
+        std::free(rec);
+    }
+}
+
 /// The key, or null where the interpreter cannot give one: the cache is then silently ineffective.
 Py_tss_t* ensure_key_locked() {
     if (_gXOptPerThreadTssKey == nullptr) {
@@ -34,6 +56,8 @@ Py_tss_t* ensure_key_locked() {
             xpy.PyThread_tss_free(key);
             return nullptr;
         }
+        // Without it a slot record or two stays allocated for each thread, and all else works.
+        has_end_key = pthread_key_create(&end_key, end_thread) == 0;
         _gXOptPerThreadTssKey = key;
     }
     return _gXOptPerThreadTssKey;
@@ -46,6 +70,10 @@ TssSlotRecord* current_record_locked(Py_tss_t* key) {
 /// Points the calling thread's slot at a slot record, or at nothing. False where that failed; to empty it never does.
 bool set_current_record_locked(Py_tss_t* key, TssSlotRecord* rec) {
     if (xpy.PyThread_tss_set(key, rec) != 0) {
+        return false;
+    }
+    if (has_end_key && pthread_setspecific(end_key, rec) != 0) {
+        xpy.PyThread_tss_set(key, nullptr);
         return false;
     }
     current_slot_record = rec;
@@ -61,18 +89,20 @@ TssSlotRecord* new_slot_record() {
     return memory != nullptr ? new (memory) SharedTssSlotRecord{} : nullptr;
 }
 
-/// Has a slot record name nothing more, and waits until its thread, if that is another one, has done looking at what it
-/// named.
+/// Has another thread's slot record name nothing more: waits until that thread has done looking at what it named, and
+/// frees the slot record where the thread has ended. Whichever of the two comes last finds the other one's mark.
 void empty_locked(TssSlotRecord& rec) {
-    __atomic_store_n(&rec.tstate, nullptr, __ATOMIC_RELAXED);
     __atomic_store_n(&rec.per_thread, nullptr, __ATOMIC_RELEASE);
-    if (is_free_threaded() && &rec != current_slot_record) {
+    if (is_free_threaded()) {
         const pid_t& reader = static_cast<const SharedTssSlotRecord&>(rec).reader;
         constexpr timespec kMoment = {0, 10'000};
         asymmetric_fence::heavy();
         while (__atomic_load_n(&reader, __ATOMIC_ACQUIRE) == xpy.cached_pid) {
             nanosleep(&kMoment, nullptr);  // yielding would not let a thread of lower priority come to its end
         }
+    }
+    if (__atomic_exchange_n(&rec.tstate, nullptr, __ATOMIC_ACQ_REL) == thread_gone()) {
+        std::free(&rec);
     }
 }
 
@@ -101,8 +131,8 @@ void _DropCurrentSlot_locked() {
 }
 
 /// Whether the record's end is sure to detach it: a subclass can have a `__del__` in the finaliser's place, from the
-/// beginning or through another base later on, and an object that has been finalised and came back is not finalised
-/// again.
+/// beginning, through another base later on, or by a change of the instance's class; and an object that has been
+/// finalised and came back is not finalised again.
 bool is_cacheable(ModuleState& m, PyObject* per_thread) {
     return type_of(per_thread) == per_thread::this_class(m) &&
            (xpy.PyObject_GC_IsFinalized == nullptr || xpy.PyObject_GC_IsFinalized(per_thread) == 0);
@@ -126,8 +156,9 @@ void detach_locked(PerThreadData& per_thread) {
     if (rec == nullptr) {
         return;
     }
-    empty_locked(*rec);
-    if (_gXOptPerThreadTssKey != nullptr && current_record_locked(_gXOptPerThreadTssKey) == rec) {
+    if (current_slot_record != rec) {
+        empty_locked(*rec);
+    } else {
         set_current_record_locked(_gXOptPerThreadTssKey, nullptr);
         std::free(rec);
     }
@@ -165,6 +196,7 @@ bool Store(ModuleState& m, PyObject* per_thread) {
         return false;
     }
     if (!is_cacheable(m, per_thread)) {
+        Clear();  // the earlier one is not this thread's record any more
         return true;
     }
     Ref reference = is_free_threaded() ? Ref::steal(xpy.PyWeakref_NewRef(per_thread, nullptr)) : Ref();

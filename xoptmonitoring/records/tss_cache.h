@@ -6,8 +6,10 @@
 
 /// What a thread's slot points at. The record is borrowed: no reference is held, so the cache keeps nothing alive.
 struct TssSlotRecord {
-    PyObject* per_thread;   ///< null once detached
-    PyThreadState* tstate;  ///< the thread state that was current when the record was stored
+    PyObject* per_thread;  ///< null once detached
+    /// The thread state that was current when the record was stored; null once detached, and a mark once the native
+    /// thread has ended.
+    PyThreadState* tstate;
 };
 
 /// What it is without a global lock. Aligned so that no two of them, each written on its thread's events, share a cache
@@ -67,8 +69,8 @@ inline void end_look(TssSlotRecord& rec) {
     __atomic_store_n(&static_cast<SharedTssSlotRecord&>(rec).reader, 0, __ATOMIC_RELEASE);
 }
 
-/// Makes `per_thread` the calling thread's cached record. Does nothing where the slot cannot be had. False with an
-/// exception set.
+/// Makes `per_thread` the calling thread's cached record. Where the slot cannot be had, or the record is of a subclass,
+/// whose end nobody would notice, none is cached. False with an exception set.
 bool Store(ModuleState& m, PyObject* per_thread);
 
 /// Frees the calling thread's slot record. Raises nothing.

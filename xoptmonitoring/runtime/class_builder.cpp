@@ -2,6 +2,7 @@
 #include "xoptmonitoring/runtime/class_builder.h"
 
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -43,10 +44,20 @@ Ref create_type(ModuleState& m, PyObject* metaclass, PyTypeObject* base, const c
         {Py_tp_finalize, slot_value(slots.finalize)},
         {Py_tp_members, members.rows.data()},
         {Py_tp_getset, getsets},
-        {slots.init != nullptr ? Py_tp_init : 0, slot_value(slots.init)},
-        {slots.setattro != nullptr ? Py_tp_setattro : 0, slot_value(slots.setattro)},
+        {0, nullptr},  // up to three more, and the closing row
+        {0, nullptr},
+        {0, nullptr},
         {0, nullptr},
     };
+    PyType_Slot* next = std::end(rows) - 4;
+    const auto add = [&next](int slot, void* value) {
+        if (value != nullptr) {
+            *next++ = {slot, value};
+        }
+    };
+    add(Py_tp_init, slot_value(slots.init));
+    add(Py_tp_setattro, slot_value(slots.setattro));
+    add(Py_tp_free, slot_value(slots.free));
     PyType_Spec spec = {spec_name, static_cast<int>(basicsize), 0, flags, rows};
     if (metaclass == nullptr) {
         return Ref::steal(xpy.PyType_FromModuleAndSpec(m.module, &spec, as_object(base)));

@@ -51,6 +51,7 @@ struct StructSlots {
     std::span<PyGetSetDef> getsets;
     initproc init = nullptr;          ///< for a metaclass: a class made in Python
     setattrofunc setattro = nullptr;  ///< for a metaclass
+    freefunc free = nullptr;          ///< instead of the interpreter's; an instance then keeps its class for good
 };
 
 /// Everything that the builder needs of one class.

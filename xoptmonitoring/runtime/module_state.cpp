@@ -34,6 +34,19 @@ int visit_all(std::span<PyObject*> fields, visitproc visit, void* arg) {
     return 0;
 }
 
+PyMutex living_lock = {};
+ModuleState* first_living = nullptr;
+
+void remove_living_state(ModuleState& m) {
+    const NativeLock lock(living_lock);
+    for (ModuleState** place = &first_living; *place != nullptr; place = &(*place)->next_living) {
+        if (*place == &m) {
+            *place = m.next_living;
+            return;
+        }
+    }
+}
+
 bool fill_builtin(PyObject* builtins, PyObject*& field, const char* name) {
     // Not by PyDict_GetItemString(), which hides that there was no memory to look the name up.
     const Ref key = Ref::steal(xpy.PyUnicode_FromString(name));
@@ -83,6 +96,16 @@ void store_global(ModuleState& m, std::int64_t& slot, std::int64_t value) {
     __atomic_store_n(&slot, value, __ATOMIC_RELAXED);
 }
 
+void add_living_state(ModuleState& m) {
+    const NativeLock lock(living_lock);
+    m.next_living = std::exchange(first_living, &m);
+}
+
+ModuleState* living_states_after_fork() {
+    living_lock = {};
+    return first_living;
+}
+
 PyTypeObject* defined_class(PyObject* const& slot, const char* name) {
     PyObject* value = __atomic_load_n(&slot, __ATOMIC_RELAXED);
     if (XPY_UNLIKELY(value == nullptr)) {
@@ -126,9 +149,11 @@ int traverse_state(ModuleState& m, visitproc visit, void* arg) {
     }
 #define GLOBAL_OBJECT(name, doc) GLOBAL_FINAL(name, doc)
 #include "xoptmonitoring/runtime/module_globals.def"
-    if (m.buried != nullptr) {
-        if (const int stop = visit(m.buried, arg)) {
-            return stop;
+    for (PyObject* object : {m.buried, m.arming}) {
+        if (object != nullptr) {
+            if (const int stop = visit(object, arg)) {
+                return stop;
+            }
         }
     }
     return visit_all(objects_of(m.builtins), visit, arg);
@@ -162,8 +187,10 @@ void bury_state(ModuleState& m) {
 }
 
 void clear_state(ModuleState& m) {
+    remove_living_state(m);
     m.module = nullptr;
     const Ref buried = Ref::steal(std::exchange(m.buried, nullptr));
+    const Ref arming = Ref::steal(std::exchange(m.arming, nullptr));
     drop_all(objects_of(m.types));
 #define GLOBAL_FINAL(name, doc) drop_all({&m.globals.name, 1});
 #define GLOBAL_OBJECT(name, doc) GLOBAL_FINAL(name, doc)

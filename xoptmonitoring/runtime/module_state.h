@@ -67,7 +67,19 @@ struct ModuleState {
     MessageLiterals literals;
     /// list of what a finalised state held, or null; kept until the module is cleared or freed.
     PyObject* buried;
+    /// tuple of the objects outside of this module that the arming of a thread's clean-up goes through, or null where
+    /// nobody needs to know.
+    PyObject* arming;
+    /// The next of the living states; see add_living_state().
+    ModuleState* next_living;
 };
+
+/// Enters a state into the list of those that have come to life, which clear_state() takes it out of again. Kept where
+/// there is no global lock, for a forked child.
+void add_living_state(ModuleState& m);
+
+/// The first of them; for a forked child, which has no other thread that could hold the list's lock.
+ModuleState* living_states_after_fork();
 
 /// A new reference to the global in `slot`, taken under the module's lock; empty with AttributeError "Attribute
 /// error" where it holds nothing.
