@@ -343,22 +343,95 @@ class EndOfARecordTest(EventTestCase):
         self.assertIs(record.__class__, CPerThread)
         self.assertIs(Other.__class__, type(CPerThread))
 
-    def test_a_record_whose_class_can_come_to_finalise_otherwise_is_not_cached(self):
+    def test_a_record_whose_class_is_changed_by_force_is_detached_all_the_same(self):
+        """`object`'s own descriptor passes the record's by."""
+        class Other(CPerThread):
+            __slots__ = ()
+
+            def __del__(self):
+                pass
+
+        holder = [CPerThread(SOME_ID)]
+        Cache.Store(holder[0])
+        object.__dict__["__class__"].__set__(holder[0], Other)
+        self.assert_cached_until_its_end(holder)
+
+    def assert_cached_until_its_end(self, holder):
+        """Lets the record, of which nobody else knows, die, while it is what this thread has cached."""
+        self.assertIs(Cache.Get(), holder[0])
+        forget_registry()
+        gone = weakref.ref(holder[0])
+        holder.clear()
+        gc.collect()
+        self.assertIsNone(gone(), "the record is kept alive")
+        self.assertIsNone(Cache.Get())
+        fresh = [CPerThread(SOME_ID + number) for number in range(8)]  # one in the place of the dead record
+        self.assertIsNone(Cache.Get(), fresh)
+
+    def test_a_record_whose_class_comes_to_finalise_otherwise_is_detached_all_the_same(self):
         class Mixin:
             pass
 
         class Other(Mixin, CPerThread):
             pass
 
-        record = Other(SOME_ID)
-        Cache.Store(record)
+        holder = [Other(SOME_ID)]
+        Cache.Store(holder[0])
         Mixin.__del__ = lambda self: None
-        self.assertIsNone(Cache.Get())
+        self.assert_cached_until_its_end(holder)
+
+    def test_a_record_that_came_back_from_its_finaliser_is_detached_all_the_same(self):
+        class Other(CPerThread):
+            def __del__(self):
+                holder.append(self)
+
+        holder = [Other(SOME_ID)]
         forget_registry()
-        gone = weakref.ref(record)
+        holder.clear()
+        gc.collect()
+        self.assertEqual(len(holder), 1, "it did not come back")
+        Cache.Store(holder[0])
+        self.assert_cached_until_its_end(holder)
+
+    def test_a_dying_record_is_not_found_by_what_runs_while_it_is_taken_apart(self):
+        class Other(CPerThread):
+            def __del__(self):
+                pass
+
+        class Asks:
+            def __del__(self):
+                found.append(Cache.Get())
+
+        found = []
+        record = Other(SOME_ID)
+        record.fStopFrame = Asks()
+        Cache.Store(record)
+        forget_registry()
         del record
         gc.collect()
-        self.assertIsNone(gone())
+        self.assertEqual(found, [None])
+
+    def test_a_record_of_a_class_made_past_its_metaclass_takes_the_earlier_ones_place_and_is_not_cached(self):
+        metaclass = type(CPerThread)
+        Other = metaclass.__new__(metaclass, "Other", (CPerThread,), {})
+        earlier, later = CPerThread(SOME_ID), Other(SOME_ID + 2)
+        Cache.Store(earlier)
+        Cache.Store(later)
+        self.assertIsNone(Cache.Get())
+        Cache.Store(earlier)
+        self.assertIs(Cache.Get(), earlier)
+
+    def test_a_record_of_a_subclass_takes_the_earlier_ones_place(self):
+        class Other(CPerThread):
+            pass
+
+        earlier, later = CPerThread(SOME_ID), Other(SOME_ID + 2)
+        Cache.Store(earlier)
+        Cache.Store(later)
+        self.assertIs(Cache.Get(), later)
+        del later
+        CPerThread._DiscardPerThread(SOME_ID + 2)
+        gc.collect()
         self.assertIsNone(Cache.Get())
 
     def test_a_thread_whose_record_is_replaced_by_another_thread_goes_on_with_the_new_one(self):

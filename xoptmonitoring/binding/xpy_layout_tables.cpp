@@ -76,6 +76,14 @@ const XPy_FieldWithSize typeobject_fields[] = {
     {"tp_members", 8},
     {"tp_getset", 8},
     {"tp_base", 8},
+    {"tp_dict", 8},
+    {"tp_descr_get", 8},
+    {"tp_descr_set", 8},
+    {"tp_dictoffset", 8},
+    {"tp_init", 8},
+    {"tp_alloc", 8},
+    {"tp_new", 8},
+    {"tp_free", 8},
     {nullptr, 0},
 };
 

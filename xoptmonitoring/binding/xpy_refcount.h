@@ -36,6 +36,12 @@ inline bool XPy_IsImmortal(PyObject* object) {
            *XPy_GetFieldAddress<std::int32_t>(object, xpy.pyobject_offsets.refcnt) < 0;
 }
 
+/// Whether an object's last reference is gone and it is just being taken apart. For an interpreter with a global
+/// lock, 3.12 and later, and an object that is still allocated.
+inline bool XPy_IsDying(PyObject* object) {
+    return *XPy_GetFieldAddress<std::int32_t>(object, xpy.pyobject_offsets.refcnt) == 0;
+}
+
 inline void XPy_DoIncRef(PyObject* object) {
     if (XPY_UNLIKELY(!updates_refcounts())) {
         XPy_CallIncRef(object);

@@ -514,6 +514,11 @@ void finalize(PyObject* self) {
                      "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
 }
 
+void free_instance(void* self) {
+    tss_cache::retire(data(static_cast<PyObject*>(self)));
+    xpy.PyObject_GC_Del(self);
+}
+
 Ref GetPerThread(ModuleState& m, PyObject* thread_id, bool create_missing) {
     if (thread_id != none()) {
         const int for_current_thread = is_current_thread(thread_id);
@@ -621,18 +626,13 @@ PyObject* get_class(PyObject* self, void* /*closure*/) {
     return Ref::share(as_object(type_of(self))).release();
 }
 
-/// Another class may finalise otherwise, and the storage cache would keep what it borrowed. This is for the clear word,
-/// and for instances of subclasses.
+/// Another class may finalise otherwise. `object`'s own descriptor changes it all the same, where the layouts agree.
 int refuse_class(PyObject* /*self*/, PyObject* /*value*/, void* /*closure*/) {
     xpy.PyErr_SetString(xpy.PyExc_TypeError, "the class of a CPerThread cannot be changed");
     return -1;
 }
 
 PyGetSetDef fixed_class = {"__class__", get_class, refuse_class, "The record's class, for good.", nullptr};
-
-void free_instance(void* self) {
-    xpy.PyObject_GC_Del(self);
-}
 
 bool fix_class_of_instances(PyObject* cls) {
     const Ref descriptor = Ref::steal(xpy.PyDescr_NewGetSet(as_type(cls), &fixed_class));
@@ -649,9 +649,6 @@ bool fix_class_of_instances(PyObject* cls) {
 
 Ref create(ModuleState& m) {
     ClassBlueprint plan = blueprint<kClass>(finalize);
-    // The interpreter lets an instance change its class for another of the same layout that is freed in the same way,
-    // by `object`'s own descriptor too. A class made in Python is freed in the interpreter's way, so that this one
-    // keeps its instances apart from those of its subclasses, which may finalise otherwise.
     plan.instance.free = xpy.PyObject_GC_Del != nullptr ? free_instance : nullptr;
     Ref cls = create_class(m, plan, m.types.CPerThread_class);
     const bool made = cls && fix_class_of_instances(cls.get()) && fill_class_fields(m, as_type(cls.get()));

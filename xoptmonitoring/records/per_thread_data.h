@@ -45,6 +45,10 @@ namespace per_thread {
 /// The finaliser of the class: it detaches the record from the storage cache first.
 void finalize(PyObject* self);
 
+/// Frees an instance, and detaches it before: a subclass can have a `__del__` in the finaliser's place, and what has
+/// been finalised and came back is not finalised again.
+void free_instance(void* self);
+
 /// The class, borrowed; null with NameError set.
 inline PyTypeObject* this_class(ModuleState& m) {
     return defined_class(m.globals.CPerThread, "CPerThread");

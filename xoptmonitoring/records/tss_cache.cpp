@@ -8,8 +8,9 @@
 // Locking: on free-threaded interpreters `_gXOptTssCacheLock` guards the key's creation and every change of slot
 // records and back pointers, but for the native thread's end. Names that end in `_locked` are called with it held. A
 // thread may look at what its own slot record names without it; whoever empties the slot record waits for the end of
-// that look. A record whose count has come to zero on another thread stays in its slot until its finaliser gets the
-// lock, and must not be counted up again: Get asks a weak reference for it, which tells the living from the dying.
+// that look. A record whose count has come to zero stays in its slot until it is finalised, or freed where its class
+// finalises otherwise, and must not be counted up again. With a global lock the count tells; without, Get asks a weak
+// reference, which knows the living from the dying whatever thread that happens on.
 #include "xoptmonitoring/records/tss_cache.h"
 
 #include <cstdlib>
@@ -130,18 +131,16 @@ void _DropCurrentSlot_locked() {
     std::free(rec);
 }
 
-/// Whether the record's end is sure to detach it: a subclass can have a `__del__` in the finaliser's place, from the
-/// beginning, through another base later on, or by a change of the instance's class; and an object that has been
-/// finalised and came back is not finalised again.
-bool is_cacheable(ModuleState& m, PyObject* per_thread) {
-    return type_of(per_thread) == per_thread::this_class(m) &&
-           (xpy.PyObject_GC_IsFinalized == nullptr || xpy.PyObject_GC_IsFinalized(per_thread) == 0);
+/// Whether the record's end is sure to detach it. One way round it is a class that was made without its metaclass's
+/// `__init__`.
+bool is_cacheable(PyObject* per_thread) {
+    return xpy.PyType_GetSlot(type_of(per_thread), Py_tp_free) == reinterpret_cast<void*>(per_thread::free_instance);
 }
 
 /// A new reference to what a slot record names; empty, with no exception set, where that is dying.
 Ref take_locked(const TssSlotRecord& rec) {
     if (!is_free_threaded()) {
-        return Ref::share(rec.per_thread);
+        return XPy_IsDying(rec.per_thread) ? Ref() : Ref::share(rec.per_thread);
     }
     PyObject* found = nullptr;
     PyObject* reference = per_thread::data(rec.per_thread).self_reference;
@@ -195,7 +194,7 @@ bool Store(ModuleState& m, PyObject* per_thread) {
     if (owner == nullptr) {
         return false;
     }
-    if (!is_cacheable(m, per_thread)) {
+    if (!is_cacheable(per_thread)) {
         Clear();  // the earlier one is not this thread's record any more
         return true;
     }

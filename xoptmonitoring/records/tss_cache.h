@@ -69,8 +69,8 @@ inline void end_look(TssSlotRecord& rec) {
     __atomic_store_n(&static_cast<SharedTssSlotRecord&>(rec).reader, 0, __ATOMIC_RELEASE);
 }
 
-/// Makes `per_thread` the calling thread's cached record. Where the slot cannot be had, or the record is of a subclass,
-/// whose end nobody would notice, none is cached. False with an exception set.
+/// Makes `per_thread` the calling thread's cached record. Where the slot cannot be had, or nobody would notice the
+/// record's end, none is cached. False with an exception set.
 bool Store(ModuleState& m, PyObject* per_thread);
 
 /// Frees the calling thread's slot record. Raises nothing.

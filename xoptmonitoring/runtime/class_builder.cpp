@@ -1,6 +1,8 @@
 // Turning a class declaration into a Python class.
 #include "xoptmonitoring/runtime/class_builder.h"
 
+#include "xoptmonitoring/binding/xpy_layouts.h"
+
 #include <cstring>
 #include <iterator>
 
@@ -254,6 +256,16 @@ int adopt_field(PyObject* cls, const FieldDecl& field) {
     return set_class_field(cls, value.get(), const_cast<FieldDecl*>(&field));
 }
 
+/// Has the instances of a class made in Python freed as those of its base are; the interpreter gives each such class
+/// its own way.
+void inherit_free(PyTypeObject* cls) {
+    const auto free_slot = [](PyTypeObject* type) { return xpy.PyType_GetSlot(type, Py_tp_free); };
+    void** free = XPy_GetFieldAddress<void*>(cls, FindFieldOffsetMissingOk("tp_free", typeobject_fields));
+    if (*free == free_slot(cls)) {
+        *free = free_slot(base_of(cls));
+    }
+}
+
 }  // namespace
 
 int init_class(PyObject* cls, PyObject* args, PyObject* keywords, std::span<const FieldDecl> fields) {
@@ -261,6 +273,7 @@ int init_class(PyObject* cls, PyObject* args, PyObject* keywords, std::span<cons
     if (base(cls, args, keywords) != 0) {
         return -1;
     }
+    inherit_free(as_type(cls));
     for (const FieldDecl& field : fields) {
         if (adopt_field(cls, field) != 0) {
             return -1;

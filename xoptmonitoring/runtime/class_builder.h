@@ -51,7 +51,7 @@ struct StructSlots {
     std::span<PyGetSetDef> getsets;
     initproc init = nullptr;          ///< for a metaclass: a class made in Python
     setattrofunc setattro = nullptr;  ///< for a metaclass
-    freefunc free = nullptr;          ///< instead of the interpreter's; an instance then keeps its class for good
+    freefunc free = nullptr;          ///< frees an instance instead of the interpreter, and one of a subclass as well
 };
 
 /// Everything that the builder needs of one class.
