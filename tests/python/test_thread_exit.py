@@ -4,13 +4,16 @@ import contextlib
 import gc
 import io
 import sys
+import textwrap
 import threading
 import unittest
 import weakref
 
+from compiled_helpers import compile_helper
 from event_helpers import IMPORT_MESSAGE, EventTestCase, Worker, in_new_thread, wait_until
 from support import (
-    NastyError, Recorder, RecordingWriter, is_built_with_address_sanitizer, raising, reentering, run_python, xo,
+    NastyError, Recorder, RecordingWriter, is_built_with_address_sanitizer, needs_plain_allocator, raising, reentering,
+    run_python, xo,
 )
 
 CPerThread = xo.CPerThread
@@ -666,6 +669,210 @@ class EndOfAThreadTest(EventTestCase):
         self.assertEqual(CPerThread._fCleanedUpThreadIds, set())
 
 
+class EndOfAThreadStateTest(EventTestCase):
+    """What still runs on a thread after its clean-up: the way out of it, and what else the thread state held."""
+
+    #: `run_thread(action, last)` calls `action` on a thread of its own, and `last` when the interpreter clears that
+    #: thread's context, which comes after its dictionary.
+    AFTERLIFE = """
+        import _thread, contextvars, gc, sys, threading
+        from vornbase import dlog
+        from vorntracer import xoptmonitoring as xo
+
+        CPerThread, main = xo.CPerThread, threading.get_ident()
+        logged = []
+        dlog.LogException = lambda *args: logged.append(repr(sys.exception()))
+        variable = contextvars.ContextVar("variable")
+
+        class Last:
+            def __init__(self, action, ended=None):
+                self.action, self.ended = action, ended
+
+            def __del__(self):
+                self.action()
+                if self.ended is not None:
+                    self.ended.release()
+
+        def run_thread(action, last=int):
+            def work():
+                variable.set(Last(last, ended))
+                results.append(action())
+
+            results = []
+            ended = _thread.allocate_lock()
+            ended.acquire()
+            _thread.start_new_thread(work, ())
+            assert ended.acquire(True, 30), "the thread's context did not end"
+            return results[0]
+    """
+
+    def run_afterlife(self, code, **options):
+        prologue = "\n".join(line[8:] for line in self.AFTERLIFE.splitlines())
+        child = run_python(prologue + "\n" + textwrap.dedent(code), **options)
+        self.assertEqual((child.stdout, child.stderr), ("", IMPORT_MESSAGE))
+
+    def test_the_way_out_of_the_clean_up_makes_no_second_record(self):
+        self.run_afterlife("""
+            second = []
+            sys.monitoring.use_tool_id(4, "test")
+            every_event = 0
+            for name in ("PY_START", "PY_RESUME", "PY_RETURN", "PY_YIELD", "LINE"):
+                event = getattr(sys.monitoring.events, name)
+                every_event |= event
+                callback = xo.CInitialCallback(event, lambda *args: second.append(args), False)
+                sys.monitoring.register_callback(4, event, callback.Callback)
+            for events in (sys.monitoring.events.PY_RETURN, every_event):
+                sys.monitoring.set_events(4, events)
+                for _ in range(50):
+                    run_thread(int)
+                sys.monitoring.set_events(4, 0)
+                assert set(CPerThread._fPerThreadDict) <= {main}, CPerThread._fPerThreadDict
+                assert set(CPerThread._fCleanupSupportByThreadId) <= {main}
+                assert CPerThread._fDestructorActiveThreadIds == set()
+            assert second
+            assert logged == [], logged
+        """)
+
+    def test_a_thread_that_gets_the_id_of_an_ended_one_inherits_nothing(self):
+        self.run_afterlife("""
+            def mark():
+                record = CPerThread.GetPerThread()
+                inherited = record.fThreadName, record.fStopFrame
+                record.fThreadName, record.fStopFrame = "marked", "a frame"
+                return inherited
+
+            sys.monitoring.use_tool_id(4, "test")
+            sys.monitoring.register_callback(4, xo.kPyReturnEventId,
+                                             xo.CInitialCallback(xo.kPyReturnEventId, lambda *args: None, False).Callback)
+            sys.monitoring.set_events(4, xo.kPyReturnEventId)
+            inherited = {run_thread(mark) for _ in range(20)}
+            sys.monitoring.set_events(4, 0)
+            assert inherited == {(None, None)}, inherited
+        """)
+
+    def test_what_dies_with_the_thread_state_after_the_clean_up_gets_no_record(self):
+        self.run_afterlife("""
+            answers = []
+
+            def ask():
+                own = threading.get_ident()
+                answers.append((CPerThread.GetPerThread(), CPerThread.GetPerThread(own),
+                                CPerThread.GetPerThread(None, False), xo._CPerThreadTssCache.Get(),
+                                CPerThread.GetPerThread(main) is main_record))
+
+            main_record = CPerThread.GetPerThread()
+            for _ in range(3):
+                run_thread(CPerThread.GetPerThread, ask)
+            assert answers == [(None, None, None, None, True)] * 3, answers
+            assert list(CPerThread._fPerThreadDict) == [main]
+        """)
+
+    def test_an_event_after_the_clean_up_is_skipped_without_a_word(self):
+        self.run_afterlife("""
+            second = []
+            callback = xo.CInitialCallback(xo.kPyStartEventId, lambda *args: second.append(args), False)
+            code = compile("pass", "/srv/app/sample.py", "exec")
+            answers = []
+            run_thread(CPerThread.GetPerThread, lambda: answers.append(callback.Callback(code, 0)))
+            assert answers == [None], answers
+            assert second == [] and logged == [], (second, logged)
+            callback.Callback(code, 0)
+            assert len(second) == 1
+        """)
+
+    def test_a_clean_up_that_was_disarmed_before_leaves_the_end_known_as_well(self):
+        self.run_afterlife("""
+            answers = []
+
+            def discarded():
+                CPerThread.GetPerThread()
+                CPerThread._DiscardPerThread(threading.get_ident())
+
+            def reset():
+                CPerThread.GetPerThread()
+                thread = threading.Thread(target=xo.reset)  # of another thread, which leaves this one's capsule
+                thread.start()
+                thread.join()
+
+            for action in (discarded, reset):
+                run_thread(action, lambda: answers.append(CPerThread.GetPerThread()))
+            assert answers == [None, None], answers
+            assert CPerThread._fPerThreadDict == {}, CPerThread._fPerThreadDict
+        """)
+
+    def test_a_thread_that_only_lost_its_capsule_gets_a_fresh_record(self):
+        for where in (lambda call: call(), in_new_thread):
+            with self.subTest(where=where):
+                def lose():
+                    first = CPerThread.GetPerThread()
+                    drop_capsule()
+                    return first, CPerThread.GetPerThread(), CPerThread.GetPerThread()
+
+                first, second, third = where(lose)
+                self.assertIsNot(first, second)
+                self.assertIsNotNone(second)
+                self.assertIs(second, third)
+
+    def test_the_next_thread_state_of_the_same_native_thread_gets_a_fresh_record(self):
+        library = compile_helper("thread_states", self.make_dir())
+        self.run_afterlife(f"""
+            from compiled_helpers import run_calls
+            answers = []
+
+            def look():
+                record = CPerThread.GetPerThread()
+                variable.set(Last(lambda: answers.append(CPerThread.GetPerThread())))
+                return threading.get_ident(), record.fThreadName, setattr(record, "fThreadName", "marked")
+
+            calls = [look] * 2
+            first, last = run_calls({library!r}, "run_under_successive_states", *calls)
+            assert first == last, "the thread is not one, or the second record is the first"
+            assert answers == [None, None], answers
+            assert CPerThread._fPerThreadDict == {{}}
+        """)
+
+    @needs_plain_allocator
+    def test_a_threads_end_gives_all_memory_back(self):
+        """Under events, after a reset, and where the record went before the thread."""
+        self.run_afterlife("""
+            import ctypes, ctypes.util, os, re
+            sys.monitoring.use_tool_id(4, "test")
+            sys.monitoring.register_callback(4, xo.kPyReturnEventId,
+                                             xo.CInitialCallback(xo.kPyReturnEventId, lambda *args: None, False).Callback)
+            libc = ctypes.CDLL(None)
+
+            class Info(ctypes.Structure):
+                _fields_ = [(name, ctypes.c_size_t) for name in
+                            ("arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks",
+                             "fordblks", "keepcost")]
+
+            def used():
+                gc.collect()
+                return libc.mallinfo2().uordblks
+
+            def reset():
+                CPerThread.GetPerThread()
+                thread = threading.Thread(target=xo.reset)
+                thread.start()
+                thread.join()
+
+            def discarded():
+                CPerThread.GetPerThread()
+                CPerThread._DiscardPerThread(threading.get_ident())
+
+            libc.mallinfo2.restype = Info
+            for action in (int, reset, discarded):
+                sys.monitoring.set_events(4, xo.kPyReturnEventId)
+                levels = []
+                for _ in range(3):
+                    for _ in range(200):
+                        run_thread(action)
+                    levels.append(used())
+                sys.monitoring.set_events(4, 0)
+                assert levels[2] - levels[1] < 200 * 16, (action, levels)
+        """)
+
+
 class EndOfTheProcessTest(EventTestCase):
 
     def assert_silent(self, code):
@@ -701,10 +908,10 @@ class EndOfTheProcessTest(EventTestCase):
 
     def test_a_process_ends_silently_with_every_event_on(self):
         self.assert_silent("""
-            import sys, threading, weakref, atexit
+            import sys, threading, atexit
             from vorntracer import dbgpythonapi, xoptmonitoring as xo
             xo.SetInternalPathnameDict(dict.fromkeys(
-                module.__file__ for module in (threading, weakref, dbgpythonapi)))
+                module.__file__ for module in (threading, dbgpythonapi)))
             monitoring = sys.monitoring
             monitoring.use_tool_id(4, "test")
             seen = []
@@ -726,14 +933,14 @@ class EndOfTheProcessTest(EventTestCase):
 class EventsAtTheEndOfAThreadTest(EventTestCase):
 
     TEN_THOUSAND_THREADS = """
-        import sys, threading, weakref, _weakrefset
+        import sys, threading, _weakrefset
         from vornbase import dlog
         from vorntracer import dbgpythonapi, xoptmonitoring as xo
 
         logged = []
         dlog.LogException = lambda *args: logged.append((args, repr(sys.exception())))
         xo.SetInternalPathnameDict(dict.fromkeys(
-            module.__file__ for module in (threading, weakref, _weakrefset, dlog, dbgpythonapi)))
+            module.__file__ for module in (threading, _weakrefset, dlog, dbgpythonapi)))
 
         calls = {name: [] for name in ("PY_START", "PY_RESUME", "PY_RETURN", "PY_YIELD", "LINE")}
 
