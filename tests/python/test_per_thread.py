@@ -8,7 +8,7 @@ import weakref
 
 from code_helpers import conversion_error
 from event_helpers import EventTestCase, Worker, in_new_thread, wait_until
-from support import NastyError, Recorder, RecordingWriter, raising, reentering, xo
+from support import NastyError, Recorder, RecordingWriter, raising, reentering, run_python, xo
 
 CPerThread = xo.CPerThread
 Cache = xo._CPerThreadTssCache
@@ -911,6 +911,49 @@ class ConcurrentRegistryTest(EventTestCase):
             CPerThread._DiscardPerThread(SOME_ID + 2 * turn)
         wait_until(lambda: not CPerThread._fPerThreadDict, "an empty registry")
         self.assertEqual(CPerThread._fCleanupSupportByThreadId, {})
+
+
+
+class ForeignObjectTest(EventTestCase):
+    """Python code may fill the registry, and have the class make something else than records."""
+
+    def assert_refused(self, *arguments):
+        with self.assertRaisesRegex(TypeError, "^expected CPerThread, got "):
+            CPerThread.GetPerThread(*arguments)
+
+    def test_what_the_class_makes_instead_of_a_record_is_not_handed_out(self):
+        # In a process of its own, since the class is not as before when its `__new__` is taken away again.
+        run_python("""
+            import sys
+            from code_helpers import make_code
+            from vornbase import dlog
+            from vorntracer import xoptmonitoring as xo
+            logged = []
+            dlog.LogException = lambda *args: logged.append(sys.exception())
+            for made in (b"bytes", None, 5, object()):
+                xo.CPerThread.__new__ = lambda cls, *args: made
+                for arguments in ((), (1001,)):
+                    try:
+                        xo.CPerThread.GetPerThread(*arguments)
+                    except TypeError as error:
+                        assert str(error).startswith("expected CPerThread, got "), error
+                    else:
+                        assert False, "handed out"
+                callback = xo.CInitialCallback(xo.kPyStartEventId, lambda *args: None, False)
+                assert callback.Callback(make_code("/srv/app/sample.py"), 0) is None
+                assert [type(error) for error in logged] == [TypeError], logged
+                logged.clear()
+            assert xo.CPerThread._fPerThreadDict == {}
+            """)
+
+    def test_what_is_no_record_in_the_registry_is_not_handed_out(self):
+        for found in (b"bytes", 5, object()):
+            with self.subTest(found=found):
+                CPerThread._fPerThreadDict[SOME_ID] = found
+                self.assert_refused(SOME_ID)
+                CPerThread._fPerThreadDict[threading.get_ident()] = found
+                self.assert_refused()
+        CPerThread._fPerThreadDict.clear()
 
 
 if __name__ == "__main__":

@@ -557,7 +557,7 @@ class Events(ShakingTestCase):
 
     def shake_events(self, *jobs, workers=4):
         """The work on several threads, under all events, while the jobs change whatever there is to change."""
-        xo.SetInternalPathnameDict(dict.fromkeys([__file__, threading.__file__, weakref.__file__]))
+        xo.SetInternalPathnameDict(dict.fromkeys([__file__, threading.__file__]))
         sys.monitoring.set_events(self.tool_id, sum(EVENT_IDS.values()))
         try:
             counts = shake(*[self.run_work] * workers, *map(untraced, jobs))
@@ -749,7 +749,7 @@ class Events(ShakingTestCase):
                 thread.join()
 
         self.shake_events(workers=1)
-        xo.SetInternalPathnameDict(dict.fromkeys([__file__, threading.__file__, weakref.__file__]))
+        xo.SetInternalPathnameDict(dict.fromkeys([__file__, threading.__file__]))
         sys.monitoring.set_events(self.tool_id, sum(EVENT_IDS.values()))
         shake(short_lives, short_lives, lambda: CPerThread.GetAllPerThreads())
         sys.monitoring.set_events(self.tool_id, 0)

@@ -197,6 +197,78 @@ class PlantingTest(EventTestCase):
         self.assertEqual(CPerThread._fDestructorActiveThreadIds, set())
 
 
+class ReplacedClassTest(EventTestCase):
+    """Python code may put another class into the place of the module's own: it is called, and what it made refused."""
+
+    @contextlib.contextmanager
+    def replaced(self, name, replacement):
+        own = getattr(CPerThread, name)
+        setattr(CPerThread, name, replacement)
+        try:
+            yield
+        finally:
+            setattr(CPerThread, name, own)
+
+    def assert_refused(self, replacement):
+        with self.replaced("_CCleanupSupport", replacement):
+            for ask in (CPerThread.GetPerThread, lambda: CPerThread(SOME_ID),
+                        lambda: in_new_thread(CPerThread.GetPerThread)):
+                with self.assertRaisesRegex(TypeError, "^expected _CCleanupSupport instance, got "):
+                    ask()
+        self.assertEqual(CPerThread._fPerThreadDict, {})
+        self.assertEqual(CPerThread._fCleanupSupportByThreadId, {})
+        self.assertFalse(CPerThread._fRegistryLock.locked())
+
+    def test_a_clean_up_that_is_no_native_one_is_refused_and_nothing_is_registered(self):
+        class Small:
+            __slots__ = ()
+
+            def __init__(self, per_thread):
+                pass
+
+        class Short(tuple):
+            pass
+
+        class Duck:
+            def __init__(self, per_thread):
+                self.fPerThread, self._fFinalizer = per_thread, None
+
+            def SetCapsuleInThreadStateDict(self):
+                pass
+
+        for replacement in (Small, lambda per_thread: Short(), Duck, lambda per_thread: None, lambda per_thread: 5):
+            with self.subTest(replacement=replacement):
+                self.assert_refused(replacement)
+
+    def test_a_subclass_of_the_clean_up_serves(self):
+        class Own(CCleanupSupport):
+            pass
+
+        with self.replaced("_CCleanupSupport", Own):
+            record = CPerThread.GetPerThread()
+        self.assertIs(type(support_of(me())), Own)
+        self.assertIs(type(capsule()), CCapsule)
+        drop_capsule()
+        self.assertEqual(CPerThread._fPerThreadDict, {})
+        self.assertIsNone(record.fSuspendLock)
+
+    def test_a_capsule_of_another_class_serves_while_it_can_be_watched(self):
+        class Other:
+            pass
+
+        with self.replaced("_CCapsule", Other):
+            CPerThread.GetPerThread()
+            self.assertIs(type(capsule()), Other)
+            drop_capsule()
+            self.assertEqual(CPerThread._fPerThreadDict, {})
+            in_new_thread(CPerThread.GetPerThread)
+            self.assertEqual(CPerThread._fPerThreadDict, {})
+
+    def test_a_capsule_that_cannot_be_watched_is_an_error_of_whoever_asks_for_the_record(self):
+        with self.replaced("_CCapsule", lambda: 5), self.assertRaisesRegex(TypeError, "weak reference"):
+            CPerThread.GetPerThread()
+
+
 class DisarmingTest(EventTestCase):
 
     def test_an_invalidated_capsule_lives_on_and_its_death_does_nothing(self):
