@@ -316,8 +316,6 @@ class DirectCallTest(EventTestCase):
 
         self.assert_children_work_amid(raise_events, stop, 40)
 
-    @unittest.skipIf(is_free_threaded(), "without a global lock, a fork may leave the mutex of any object, "
-                     "that of a plain list included, locked in the child where other threads compete for it")
     def test_a_fork_amid_events_of_other_threads_leaves_the_child_able_to_work(self):
         known, _ = self.known_code(3)
         callback = self.make_callback(xo.kPyLineEventId)
@@ -330,6 +328,38 @@ class DirectCallTest(EventTestCase):
                 CPerThread._DiscardPerThread(1001)
 
         self.assert_children_work_amid(raise_events, stop, 20)
+
+    def test_a_fork_amid_threads_that_run_new_code_leaves_the_child_able_to_work(self):
+        """All of them enter what they meet into the same registries, and are armed and forgotten again."""
+        callbacks = [self.make_callback(event_id) for event_id in EVENT_IDS.values()]
+        tool_id = self.use_tool()
+        for event_id, callback in zip(EVENT_IDS.values(), callbacks):
+            sys.monitoring.register_callback(tool_id, event_id, callback.Callback)
+        stop = threading.Event()
+
+        def run_new_code():
+            while not stop.is_set():
+                exec(compile("def add(x):\n    return x + 1\nadd(1)", "/srv/app/new.py", "exec"), {})
+                xo._CPerThreadTssCache.Clear()
+                CPerThread._DiscardPerThread(threading.get_ident())
+
+        def look():
+            xo.UpdateThisProcessPid()
+            exec(compile("def add(x):\n    return x + 1\nadd(1)", "/srv/app/new.py", "exec"), {})
+            return CPerThread.GetPerThread().fThreadId == threading.get_ident()
+
+        threads = [threading.Thread(target=run_new_code) for _ in range(6)]
+        sys.monitoring.set_events(tool_id, sum(EVENT_IDS.values()))
+        for thread in threads:
+            thread.start()
+        try:
+            for _ in range(15):
+                self.assertIs(in_forked_child(look, self.watched_fork), True)
+        finally:
+            stop.set()
+            sys.monitoring.set_events(tool_id, 0)
+            for thread in threads:
+                thread.join()
 
 
 @needs_fork

@@ -4,7 +4,7 @@ import textwrap
 import unittest
 
 from event_helpers import IMPORT_MESSAGE
-from support import XoTestCase, run_python
+from support import XoTestCase, needs_free_threading, run_python
 
 #: Has every event of the process pass through first stages; the second stage keeps what it is given.
 PROLOGUE = """
@@ -377,6 +377,33 @@ def start(daemon):
                 stop.set()
                 thread.join()
         """)
+
+
+class ContendedCacheTest(XoTestCase):
+
+    @needs_free_threading
+    def test_the_end_does_not_wait_for_a_lock_of_threads_that_will_never_run_again(self):
+        """Daemon threads wait for the storage cache's lock at the end, when none of them can have the lock any more."""
+        for pause in (0.02, 0.05, 0.05, 0.1, 0.1):
+            child = run_python(f"""
+                import threading, time
+                from vorntracer import xoptmonitoring as xo
+
+                class AsksAtTheEnd:
+                    def __del__(self, get=xo._CPerThreadTssCache.Get):
+                        for _ in range(100):
+                            get()
+
+                def work(get=xo.CPerThread.GetPerThread):
+                    while True:
+                        get()
+
+                asks = AsksAtTheEnd()
+                for _ in range(40):
+                    threading.Thread(target=work, daemon=True).start()
+                time.sleep({pause})
+            """, timeout=30)
+            self.assertEqual((child.stdout, child.stderr), ("", IMPORT_MESSAGE))
 
 
 if __name__ == "__main__":
