@@ -336,6 +336,16 @@ TEST_F(LiveLayouts, the_innermost_frame_of_a_thread) {
     EXPECT_EQ(read<void*>(holder, xpy.cframe_offsets.current_frame), inner);
 }
 
+TEST_F(LiveLayouts, the_dictionary_of_a_thread) {
+    if (tstate_dict_offset == -1) {
+        EXPECT_GT(version_number(), 315) << "3.15 is the last that is known";
+        return;
+    }
+    PyObject* dict = xpy.PyThreadState_GetDict();
+    EXPECT_NE(dict, nullptr);
+    EXPECT_EQ(read<PyObject*>(XPy_CurrentThreadStateOrNull(), tstate_dict_offset), dict);
+}
+
 extern "C" PyObject* get_handled_exception(PyObject* /*self*/, PyObject* /*args*/) {
     // The record's words are type, value and traceback up to 3.10, and the exception alone from 3.11 on.
     const auto* record = read<PyObject**>(XPy_CurrentThreadStateOrNull(), tstate_exc_info_offset);

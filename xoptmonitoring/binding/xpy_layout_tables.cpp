@@ -76,6 +76,12 @@ const XPy_FieldWithSize typeobject_fields[] = {
     {"tp_members", 8},
     {"tp_getset", 8},
     {"tp_base", 8},
+    {nullptr, 0},
+};
+
+// The type object's fields from `tp_base` on.
+const XPy_FieldWithSize typeobject_fields_from_base[] = {
+    {"tp_base", 8},
     {"tp_dict", 8},
     {"tp_descr_get", 8},
     {"tp_descr_set", 8},

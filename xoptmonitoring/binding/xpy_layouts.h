@@ -23,6 +23,7 @@ extern const XPy_FieldWithSize py312_13_64bit_pyobject_fields[];
 extern const XPy_FieldWithSize py314_64bit_pyobject_fields[];
 extern const XPy_FieldWithSize free_t_pyobject_fields[];
 extern const XPy_FieldWithSize typeobject_fields[];
+extern const XPy_FieldWithSize typeobject_fields_from_base[];
 extern const XPy_FieldWithSize py3_mod_def_fields[];
 extern const XPy_FieldWithSize frame_fields_pre_py3d4[];
 extern const XPy_FieldWithSize frame_fields_py3d4[];

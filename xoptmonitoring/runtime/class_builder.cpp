@@ -260,7 +260,9 @@ int adopt_field(PyObject* cls, const FieldDecl& field) {
 /// its own way.
 void inherit_free(PyTypeObject* cls) {
     const auto free_slot = [](PyTypeObject* type) { return xpy.PyType_GetSlot(type, Py_tp_free); };
-    void** free = XPy_GetFieldAddress<void*>(cls, FindFieldOffsetMissingOk("tp_free", typeobject_fields));
+    const std::int64_t offset =
+        xpy.typeobject_offsets.tp_base + FindFieldOffsetMissingOk("tp_free", typeobject_fields_from_base);
+    void** free = XPy_GetFieldAddress<void*>(cls, offset);
     if (*free == free_slot(cls)) {
         *free = free_slot(base_of(cls));
     }

@@ -209,6 +209,7 @@ TEST_F(Layouts, have_as_many_rows_as_the_structures_have_fields) {
     EXPECT_EQ(count(py3d12_tstate_fields), 21);
     EXPECT_EQ(count(py3d13_tstate_fields), 24);
     EXPECT_EQ(count(py3d14_tstate_fields), 24);
+    EXPECT_EQ(count(py3d15_tstate_fields), 28);
     EXPECT_EQ(count(py3d6_interpreter_state_fields), 16);
     EXPECT_EQ(count(py3d7_interpreter_state_fields), 24);
     EXPECT_EQ(count(py3d8_interpreter_state_fields), 28);
@@ -247,6 +248,7 @@ TEST_F(Layouts, are_forgotten_as_minus_1) {
     EXPECT_EQ(words.size(), 31U);
     EXPECT_THAT(words, testing::Each(kNone));
     EXPECT_EQ(tstate_exc_info_offset, kNone);
+    EXPECT_EQ(tstate_dict_offset, kNone);
     EXPECT_EQ(xpy.max_align, 16);
 }
 
@@ -418,6 +420,14 @@ TEST_F(Layouts, of_a_thread_state_that_nobody_has_described_are_not_guessed) {
             EXPECT_EQ(offset, kNone);
         }
         EXPECT_EQ(tstate_exc_info_offset, kNone);
+    }
+}
+
+TEST_F(Layouts, of_a_thread_states_dictionary_are_known_one_version_further) {
+    for (const auto& [minor, offset] : std::vector<std::pair<int, int>>{
+             {7, 152}, {10, 152}, {11, 128}, {12, 112}, {13, 128}, {14, 128}, {15, 152}, {16, -1}}) {
+        learn({3, minor});
+        EXPECT_EQ(tstate_dict_offset, offset) << "3." << minor;
     }
 }
 
