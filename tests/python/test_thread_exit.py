@@ -814,8 +814,8 @@ class EndOfAThreadStateTest(EventTestCase):
                 return inherited
 
             sys.monitoring.use_tool_id(4, "test")
-            sys.monitoring.register_callback(4, xo.kPyReturnEventId,
-                                             xo.CInitialCallback(xo.kPyReturnEventId, lambda *args: None, False).Callback)
+            callback = xo.CInitialCallback(xo.kPyReturnEventId, lambda *args: None, False)
+            sys.monitoring.register_callback(4, xo.kPyReturnEventId, callback.Callback)
             sys.monitoring.set_events(4, xo.kPyReturnEventId)
             inherited = {run_thread(mark) for _ in range(20)}
             sys.monitoring.set_events(4, 0)
@@ -909,8 +909,8 @@ class EndOfAThreadStateTest(EventTestCase):
         self.run_afterlife("""
             import ctypes, ctypes.util, os, re
             sys.monitoring.use_tool_id(4, "test")
-            sys.monitoring.register_callback(4, xo.kPyReturnEventId,
-                                             xo.CInitialCallback(xo.kPyReturnEventId, lambda *args: None, False).Callback)
+            callback = xo.CInitialCallback(xo.kPyReturnEventId, lambda *args: None, False)
+            sys.monitoring.register_callback(4, xo.kPyReturnEventId, callback.Callback)
             libc = ctypes.CDLL(None)
 
             class Info(ctypes.Structure):
