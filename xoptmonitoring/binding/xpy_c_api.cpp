@@ -254,12 +254,24 @@ void learn_version() {
     std::fputs("Unable to get version numbers\n", stderr);
     read_version_constant();
     bind_function(Need::OPTIONAL, xpy.PyErr_Print, "PyErr_Print");
-    if (xpy.PyErr_Print != nullptr && xpy.PyErr_Occurred() != nullptr) {
-        xpy.PyErr_Print();
+    if (xpy.PyErr_Print != nullptr) {
+        xpy.PyErr_Print();  // does nothing where no exception is pending
     }
 }
 
-/// Resolves every slot of the list, in record order, stopping at the first required name that is missing.
+bool bind_unicode_slots() {
+#define XPY_UNICODE(need, result, name, suffix, parameters) \
+    if (!bind_unicode(Need::need, xpy.name, suffix)) {      \
+        return false;                                       \
+    }
+#define XPY_UNICODE_BACKED(backup, result, name, suffix, parameters) \
+    XPY_UNICODE(OPTIONAL, result, name, suffix, parameters)
+#include "xoptmonitoring/binding/xpy_api_slots.def"
+    return true;
+}
+
+/// Resolves every slot of the list, in record order but for the Unicode functions, which come last; stops at the first
+/// required name that is missing.
 bool bind_all_slots() {
 #define XPY_SLOT(need, result, name, parameters)       \
     if (!bind_function(Need::need, xpy.name, #name)) { \
@@ -267,12 +279,6 @@ bool bind_all_slots() {
     }
 #define XPY_BACKED(need, backup, result, name, parameters) XPY_SLOT(need, result, name, parameters)
 #define XPY_OLDER(older, backup, result, name, parameters) XPY_SLOT(OPTIONAL, result, name, parameters)
-#define XPY_UNICODE(need, result, name, suffix, parameters) \
-    if (!bind_unicode(Need::need, xpy.name, suffix)) {      \
-        return false;                                       \
-    }
-#define XPY_UNICODE_BACKED(backup, result, name, suffix, parameters) \
-    XPY_UNICODE(OPTIONAL, result, name, suffix, parameters)
 #define XPY_DATA(need, read, type, name)                       \
     if (!bind_data(Need::need, Read::read, xpy.name, #name)) { \
         return false;                                          \
@@ -282,7 +288,7 @@ bool bind_all_slots() {
         return false;                                                   \
     }
 #include "xoptmonitoring/binding/xpy_api_slots.def"
-    return true;
+    return bind_unicode_slots();
 }
 
 /// Generation 2 knows byte strings as its strings.
@@ -437,6 +443,8 @@ PyThreadState* XPy_CurrentThreadStateOrNull() {
         tstate = xpy._PyThreadState_UncheckedGet();
     } else if (xpy._PyThreadState_Current != nullptr) {
         tstate = *xpy._PyThreadState_Current;
+    } else if (xpy.PyThreadState_Get != nullptr) {
+        tstate = xpy.PyThreadState_Get();  // ends the process on a thread that has none
     }
     const bool is_per_thread = xpy.major_version == 3 && xpy.minor_version > 11;
     if (tstate == nullptr || is_per_thread || xpy.tstate_offsets.thread_id == -1) {

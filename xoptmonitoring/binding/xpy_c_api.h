@@ -118,5 +118,6 @@ bool tells_of_later_versions();
 /// one.
 void raise_unable_to_init();
 
-/// The calling thread's state, or null where there is none; unlike PyThreadState_Get this never aborts.
+/// The calling thread's state, or null where there is none. PyThreadState_Get, which ends the process where there is
+/// none, is asked only where an interpreter has nothing better: no known one is like that.
 PyThreadState* XPy_CurrentThreadStateOrNull();

@@ -100,6 +100,9 @@ const XPy_FieldWithSize* select_tstate_fields() {
     if (is_3_up_to(9)) {
         return py3d7_tstate_fields;
     }
+    if (xpy.major_version != 3) {
+        return nullptr;
+    }
     switch (xpy.minor_version) {
         case 10:
             return py3d10_tstate_fields;
