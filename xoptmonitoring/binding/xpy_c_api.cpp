@@ -82,10 +82,25 @@ void store(Slot& slot, void* found) {
 }
 
 /// Which generations need a name, and whether binding fails without it.
-enum class Need { REQUIRED, ON_2, ON_3, OPTIONAL };
+enum class Need { REQUIRED, ON_2, ON_3, OFFERED, OFFERED_ON_3, OPTIONAL };
 
 bool is_wanted(Need need) {
-    return !(need == Need::ON_2 && xpy.major_version != 2) && !(need == Need::ON_3 && xpy.major_version == 2);
+    if (xpy.major_version == 2) {
+        return need != Need::ON_3 && need != Need::OFFERED_ON_3;
+    }
+    return need != Need::ON_2;
+}
+
+/// Whether binding goes on without the name. A version that nobody has described may have dropped what this module does
+/// not use: that is no reason to refuse it.
+bool may_be_missing(Need need) {
+    const bool is_offered = need == Need::OFFERED || need == Need::OFFERED_ON_3;
+    return need == Need::OPTIONAL || (is_offered && is_later_than_tables());
+}
+
+/// Whether nobody is told that the name is missing.
+bool is_missed_silently(Need need) {
+    return need == Need::OPTIONAL || (may_be_missing(need) && !tells_of_later_versions());
 }
 
 /// Looks `symbol` up as `need` says. False means that a required name is missing (and was reported).
@@ -94,8 +109,8 @@ bool look_up(Need need, const char* symbol, void** found) {
     if (!is_wanted(need)) {
         return true;
     }
-    *found = need == Need::OPTIONAL ? GetPtrNullOk(xpy.dll_ptr, symbol) : GetPtr(xpy.dll_ptr, symbol);
-    return *found != nullptr || need == Need::OPTIONAL;
+    *found = is_missed_silently(need) ? GetPtrNullOk(xpy.dll_ptr, symbol) : GetPtr(xpy.dll_ptr, symbol);
+    return *found != nullptr || may_be_missing(need);
 }
 
 template <class Slot>
@@ -113,9 +128,9 @@ bool bind_unicode(Need need, Slot& slot, const char* suffix) {
     if (!is_wanted(need)) {
         return true;
     }
-    void* found = GetUnicodeFunction(xpy.dll_ptr, suffix, "", need == Need::OPTIONAL);
+    void* found = GetUnicodeFunction(xpy.dll_ptr, suffix, "", is_missed_silently(need) ? 1 : 0);
     store(slot, found);
-    return found != nullptr || need == Need::OPTIONAL;
+    return found != nullptr || may_be_missing(need);
 }
 
 /// How a data symbol is read: its address is the object, or it is a variable that holds the pointer.

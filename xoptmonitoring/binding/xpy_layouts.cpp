@@ -244,6 +244,10 @@ Py_ssize_t FindFieldOffset(const char* name, const XPy_FieldWithSize* table) {
     return offset;
 }
 
+bool is_later_than_tables() {
+    return select_tstate_fields() == nullptr;
+}
+
 void forget_layouts() {
     forget(xpy.pyobject_offsets);
     forget(xpy.tstate_offsets);
