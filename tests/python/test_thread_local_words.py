@@ -53,7 +53,8 @@ run(9)
 for thread in threads:
     thread.join()
 assert len({id(record) for record in found.values()}) == 5, found
-assert sorted(stopped, key=str) == sorted([(ident, work.__code__, lines[-1]) for ident in found] * 3, key=str), stopped
+expected = [(ident, work.__code__, lines[-1]) for ident in found] * 3
+assert sorted(stopped, key=str) == sorted(expected, key=str), stopped
 """
 
 # Loads the libraries of a folder, in order, until one is refused. The function `fill` gives their number and the error.
@@ -79,8 +80,8 @@ def copy_loadable(source, destination):
     size, count = struct.unpack_from("<HH", image, 54)
     end = 0
     for index in range(count):
-        kind, _flags, offset, _address, _physical, file_size = struct.unpack_from("<IIQQQQ", image, start + index * size)
-        if kind == 1:
+        kind, _flags, offset, _, _, file_size = struct.unpack_from("<IIQQQQ", image, start + index * size)
+        if kind == 1:  # to be mapped
             end = max(end, offset + file_size)
     with open(destination, "wb") as file:
         file.write(image[:end])
