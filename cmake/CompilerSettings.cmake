@@ -22,10 +22,26 @@ set(XOPT_MODULE_COMPILE_OPTIONS
     -fno-exceptions
     -fno-rtti
     -fno-threadsafe-statics
-    -fno-semantic-interposition
-    # The two words that each thread has of its own (records/) are read on every event, and this reads them without a
-    # call. The C library keeps room for a few such words of libraries that are loaded later.
-    -ftls-model=initial-exec)
+    -fno-semantic-interposition)
+
+# The two words that each thread has of its own (records/) are read on every event. Through a descriptor that is a call
+# of two instructions while the C library has room set aside for such words of libraries that are loaded later, and a
+# longer one once others have used that up. To read them without a call takes that room, and the import fails where
+# there is none. A compiler that knows no descriptors calls the C library each time.
+#
+# The compiler takes it that the longer call keeps all registers but one. Before 2.39 the C library keeps the general
+# ones only (https://sourceware.org/bugzilla/show_bug.cgi?id=31372), so what reads such a word uses no others.
+#
+# Not among the options above, since the fuzz targets have a compiler of their own.
+include(CheckCXXCompilerFlag)
+check_cxx_compiler_flag(-mtls-dialect=gnu2 XOPT_HAS_TLS_DESCRIPTORS)
+check_cxx_compiler_flag(-mgeneral-regs-only XOPT_HAS_GENERAL_REGISTERS_ONLY)
+set(XOPT_TLS_OPTIONS)
+set(XOPT_TLS_READER_OPTIONS)
+if(XOPT_HAS_TLS_DESCRIPTORS AND XOPT_HAS_GENERAL_REGISTERS_ONLY)
+  set(XOPT_TLS_OPTIONS -mtls-dialect=gnu2)
+  set(XOPT_TLS_READER_OPTIONS -mgeneral-regs-only)
+endif()
 
 if(NOT XOPT_SANITIZE)
   # Nothing to add

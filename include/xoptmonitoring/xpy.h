@@ -100,9 +100,15 @@ XPY_API PyTypeObject* XPy_BorrowType(PyObject* object);
  * binding and where one of the two is null. Keeps no reference. */
 XPY_API int XPy_PyObjectsEqual(PyObject* a, PyObject* b);
 
-/* For tests: nonzero makes every XPy_Initialize fail without trying, zero lifts that. Returns the previous
- * setting. Needs no lock. */
+/* For tests: nonzero makes every XPy_Initialize fail without trying, zero lifts that. What binds only if that
+ * has not happened is stopped before, and not after. Returns the previous setting. Needs no lock. */
 XPY_API int XPy_DbgSetFailOnImport(int fail);
+
+/* For a host to which it is no news that its interpreter is later than all that xoptmonitoring knows the layouts of:
+ * nonzero makes binding say nothing about that to standard error, zero lifts that. Binding itself is not changed, and
+ * what makes it fail is told all the same. To be called before the import, or whatever else binds. Returns the
+ * previous setting. Needs no lock. */
+XPY_API int XPy_SetQuietAboutLaterVersions(int quiet);
 
 /* ---- module definition ---- */
 
@@ -245,8 +251,9 @@ XPY_API long XPy_SetDPrintfMask(long mask);
 XPY_API tDPData* create_dp_data(void);
 XPY_API void free_dp_data(tDPData* dp_data);
 
-/* Gives a record without outputs and with the first mask its start, unless it has been initialised; `force`
- * does so anyway and drops what it held. A new record has to be zeroed first. */
+/* Makes a record one without outputs and with the first mask, unless its word `initialized` says that it is one;
+ * `force` does so without a look at the record. So memory of any content can be made a record by force. What a
+ * record holds is lost by that, not dropped: clear_dp_data comes first where there is something. */
 XPY_API void init_dp_data(tDPData* dp_data, int force);
 
 /* Drops outputs and repr buffers. The record stays initialised, and its mask stays. */

@@ -69,6 +69,7 @@ class Diagnostics : public LiveInterpreterTest {
     static void reset_diagnostics() {
         set_dprintf_file(nullptr, -1, nullptr);
         for (tDPData* dp_data : {&gUnsafeGlobalDPData, &gDP}) {
+            clear_dp_data(dp_data);
             init_dp_data(dp_data, 1);
         }
         gDPrintfMask = kLogCore | kLogExceptions | kLogInternalFailures;
@@ -336,6 +337,19 @@ TEST_F(Diagnostics, what_a_line_runs_is_not_traced) {
     EXPECT_EQ(eval_long("Printable.reprs"), 3);
 }
 
+TEST_F(Diagnostics, a_line_is_written_also_where_the_thread_state_can_be_asked_for_in_one_way_only) {
+    log_to("file");
+    {
+        const SavedRecord saved;
+        xpy.PyThreadState_GetUnchecked = nullptr;
+        xpy._PyThreadState_UncheckedGet = nullptr;
+        xpy._PyThreadState_Current = nullptr;
+        do_dprintf(kLogCore, "line\n");
+        EXPECT_EQ(XPy_CurrentThreadStateOrNull(), xpy.PyThreadState_Get());
+    }
+    EXPECT_EQ(written(), "line\n");
+}
+
 TEST_F(Diagnostics, a_thread_without_a_thread_state_writes_nothing) {
     log_to("file");
     std::string frame_text = "unset";
@@ -540,6 +554,7 @@ TEST_F(ExceptionLog, is_written_in_a_trace_function_but_not_deeper) {
 
 TEST_F(ExceptionLog, without_a_standard_error_silences_the_process_from_then_on) {
     for (const char* lose_stderr : {"sys.stderr = None", "del sys.stderr"}) {
+        clear_dp_data(&gUnsafeGlobalDPData);
         init_dp_data(&gUnsafeGlobalDPData, 1);
         log_to("file");
         run(lose_stderr);

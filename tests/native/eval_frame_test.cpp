@@ -136,6 +136,16 @@ TYPED_TEST(EvalFrame, a_thread_without_a_thread_state_has_no_interpreter_to_chan
     EXPECT_EQ(result, -1);
 }
 
+TYPED_TEST(EvalFrame, the_interpreter_is_found_also_where_the_thread_state_can_be_asked_for_in_one_way_only) {
+    const auto found = TypeParam::get();
+    const SavedRecord saved;
+    xpy.PyThreadState_GetUnchecked = nullptr;
+    xpy._PyThreadState_UncheckedGet = nullptr;
+    xpy._PyThreadState_Current = nullptr;
+    EXPECT_EQ(TypeParam::get(), found);
+    EXPECT_EQ(found != nullptr, this->is_served());
+}
+
 TYPED_TEST(EvalFrame, an_interpreter_without_the_entry_points_has_no_hooks) {
     const SavedRecord saved;
     xpy._PyInterpreterState_GetEvalFrameFunc = nullptr;

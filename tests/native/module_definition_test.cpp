@@ -253,6 +253,36 @@ TEST_F(SinglePhaseModule, may_have_no_functions) {
     EXPECT_EQ(eval_text("sample.__name__"), "xpy_native_empty");
 }
 
+/// Makes binding fail without a try, as long as it is there.
+class TestSwitch {
+  public:
+    TestSwitch() : previous_(XPy_DbgSetFailOnImport(1)) {}
+    TestSwitch(const TestSwitch&) = delete;
+    TestSwitch& operator=(const TestSwitch&) = delete;
+    ~TestSwitch() {
+        XPy_DbgSetFailOnImport(previous_);
+    }
+
+  private:
+    int previous_;
+};
+
+TEST_F(SinglePhaseModule, is_made_after_binding_whatever_the_test_switch_of_binding_says) {
+    const TestSwitch on;
+    const Ref module = make("xpy_native_switched", gMethods);
+    ASSERT_TRUE(module) << take_exception();
+    set_global("sample", module.get());
+    EXPECT_EQ(eval_long("sample.answer()"), 42);
+}
+
+TEST_F(SinglePhaseModule, is_not_made_before_binding_while_the_test_switch_is_on) {
+    const SavedRecord saved;
+    const TestSwitch on;
+    xpy.initialized = 0;
+    EXPECT_EQ(XPy_InitModule("xpy_native_switched", gMethods), nullptr);
+    EXPECT_EQ(take_exception(), "ImportError: Unable to init XPy");
+}
+
 int gExecuted = 0;
 
 int count_execution(PyObject* module) {
@@ -267,6 +297,17 @@ TEST_F(MultiPhaseModule, is_refused_where_the_interpreter_knows_no_phases) {
     xpy.PyModuleDef_Init = nullptr;
     XPyModuleDef module = full_definition();
     EXPECT_EQ(XPyModuleDef_Init(&module), nullptr);
+    EXPECT_EQ(take_exception(), "ImportError: Unable to init XPy");
+}
+
+TEST_F(MultiPhaseModule, is_defined_after_binding_whatever_the_test_switch_of_binding_says) {
+    const SavedRecord saved;
+    const TestSwitch on;
+    xpy.PyModuleDef_Init = [](PyModuleDefBlock* definition) { return reinterpret_cast<PyObject*>(definition); };
+    XPyModuleDef module = full_definition();
+    EXPECT_NE(XPyModuleDef_Init(&module), nullptr) << take_exception();
+    xpy.initialized = 0;
+    EXPECT_EQ(XPyModuleDef_Init(&module), nullptr) << "before binding it has";
     EXPECT_EQ(take_exception(), "ImportError: Unable to init XPy");
 }
 

@@ -1,19 +1,22 @@
 """Importing the module: what it asks for and in what order, what a failure leaves, executing it twice."""
 
+import _imp
 import builtins
 import gc
 import importlib
+import importlib.machinery
+import importlib.util
 import os
 import shutil
 import sys
 import tempfile
 import types
 import unittest
+import warnings
 from unittest import mock
 
 import interface
-from event_helpers import IMPORT_MESSAGE
-from support import HostPackage, NastyError, XoTestCase, raising, run_python, xo
+from support import BARE_MODULE_MESSAGE, HostPackage, NastyError, XoTestCase, raising, run_python, xo
 
 STANDARD = ["ctypes", "os", "sys", "threading", "time", "traceback", "types", "weakref", "typing"]
 
@@ -232,7 +235,7 @@ class MissingCompanions(HostCase):
                 assert module.dlog is base.dlog
             """)
 
-    def test_without_a_containing_package_the_import_fails(self):
+    def test_without_a_containing_package_the_import_fails_and_says_so(self):
         directory = tempfile.mkdtemp(prefix="xo-alone-")
         self.addCleanup(shutil.rmtree, directory)
         shutil.copy(xo.__file__, os.path.join(directory, "xoptmonitoring.so"))
@@ -242,11 +245,57 @@ class MissingCompanions(HostCase):
                 try:
                     import xoptmonitoring
                 except ImportError as error:
-                    assert "relative import" in str(error), error
+                    assert type(error) is ImportError, error
+                    assert str(error) == ("xoptmonitoring has to be imported as a member of a package that has a "
+                                          "module dbgpythonapi, not on its own"), error
+                    # What the interpreter says of it has not been swallowed.
+                    assert type(error.__cause__) is ImportError, error.__cause__
+                    assert "relative import" in str(error.__cause__), error.__cause__
+                    assert error.__cause__.__cause__ is None and error.__context__ is None, error.__context__
                 else:
                     raise AssertionError("imported")
                 assert "xoptmonitoring" not in sys.modules
         """, paths=[directory])
+
+    def test_without_a_containing_package_another_exception_of_the_import_comes_through_unchanged(self):
+        directory = tempfile.mkdtemp(prefix="xo-alone-")
+        self.addCleanup(shutil.rmtree, directory)
+        shutil.copy(xo.__file__, os.path.join(directory, "xoptmonitoring.so"))
+        run_python("""
+            import builtins
+            real = builtins.__import__
+            def failing(name, *args):
+                if name == "":
+                    raise OSError("no relative imports today")
+                return real(name, *args)
+            builtins.__import__ = failing
+            try:
+                import xoptmonitoring
+            except OSError as error:
+                assert str(error) == "no relative imports today", error
+                assert error.__cause__ is None and error.__context__ is None
+            else:
+                raise AssertionError("imported")
+        """, paths=[directory])
+
+    def test_in_a_package_an_import_error_of_the_sibling_comes_through_unchanged(self):
+        host = self.make_host(dbgpythonapi="raise ImportError('the sibling itself')")
+        error = self.assert_raises_text(ImportError, "the sibling itself", host.import_module)
+        self.assertIsNone(error.__cause__)
+
+    def test_a_module_without_a_package_of_its_own_belongs_to_that_of_its_name(self):
+        # What the interpreter itself goes by where nobody has filled `__package__` in.
+        loader = importlib.machinery.ExtensionFileLoader("xoptmonitoring", xo.__file__)
+        spec = importlib.util.spec_from_file_location("xoptmonitoring", loader=loader)
+        for name, text in (("alone", "not on its own"), ("nowhere.member", "nowhere")):
+            with self.subTest(name):
+                module = _imp.create_dynamic(spec)
+                module.__name__ = name
+                self.assertIsNone(module.__package__)
+                with warnings.catch_warnings():
+                    warnings.simplefilter("ignore")
+                    with self.assertRaisesRegex(ImportError, text):
+                        _imp.exec_dynamic(module)
 
 
 class Platform(HostCase):
@@ -509,7 +558,7 @@ class Surroundings(HostCase):
     def test_the_import_leaves_no_output(self):
         with HostPackage() as host:
             child = host.run_python("import importlib; importlib.import_module(MODULE)")
-            self.assertEqual((child.stdout, child.stderr), ("", IMPORT_MESSAGE))
+            self.assertEqual((child.stdout, child.stderr), ("", BARE_MODULE_MESSAGE))
 
     def test_the_import_switches_no_monitoring_on(self):
         run_python("""

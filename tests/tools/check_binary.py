@@ -2,7 +2,8 @@
 
 The module has to load into any interpreter on any machine with the platform's C library. So it may need that
 library and the loader only, takes nothing from an interpreter by the linker, has no part of the C++ run-time
-library, and offers exactly the listed names.
+library, and offers exactly the listed names. What it keeps for each thread takes no room that is set aside when the
+process starts, since others may have used that up.
 """
 
 import collections
@@ -22,13 +23,19 @@ CXX_RUNTIME_NAME = re.compile(
 Symbol = collections.namedtuple("Symbol", "name version binding visibility is_defined")
 
 
-def readelf(*arguments):
-    """The output of readelf, in English."""
+#: A call through the descriptor of a thread-local word; any other call through that register may look the same.
+DESCRIPTOR_CALL = re.compile(r"\bcall\s+\*\(%rax\)")
+VECTOR_REGISTER = re.compile(r"%[xyz]mm\d")
+
+
+def output_of(*command):
+    """What a tool of the linker's family writes, in English."""
     environment = {**os.environ, "LC_ALL": "C"}
-    result = subprocess.run(
-        ["readelf", "--wide", *arguments], check=True, stdout=subprocess.PIPE, text=True, env=environment
-    )
-    return result.stdout
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True, env=environment).stdout
+
+
+def readelf(*arguments):
+    return output_of("readelf", "--wide", *arguments)
 
 
 def needed_libraries(module_file):
@@ -87,6 +94,30 @@ def check_exports(dynamic_symbols, expected):
         yield "does not offer {}".format(name)
 
 
+def check_static_storage(module_file):
+    if re.search(r"\bSTATIC_TLS\b", readelf("--dynamic", module_file)):
+        yield "takes thread-local storage that is set aside when the process starts"
+
+
+def disassembled_functions(module_file):
+    """The name and the text of each function."""
+    listing = output_of("objdump", "--disassemble", "--demangle", "--no-show-raw-insn", module_file)
+    parts = re.split(r"^[0-9a-f]+ <(.*)>:$", listing, flags=re.MULTILINE)
+    return zip(parts[1::2], parts[2::2])
+
+
+def check_descriptor_calls(module_file):
+    """The compiler keeps what it likes in other registers over such a call, but not every C library saves them all."""
+    if not re.search(r"\bR_X86_64_TLSDESC\b", readelf("--relocs", module_file)):
+        return
+    calling = [(name, text) for name, text in disassembled_functions(module_file) if DESCRIPTOR_CALL.search(text)]
+    if not calling:
+        yield "has descriptors of thread-local words, but no function that seems to read them"
+    for name, text in calling:
+        if VECTOR_REGISTER.search(text):
+            yield "may use vector registers while it reads a thread-local word: {}".format(name)
+
+
 def main(arguments):
     if len(arguments) != 2:
         print(__doc__, file=sys.stderr)
@@ -98,6 +129,8 @@ def main(arguments):
         *check_undefined(dynamic_symbols),
         *check_cxx_runtime(read_symbols("--syms", module_file)),
         *check_exports(dynamic_symbols, read_expected_exports(exports_file)),
+        *check_static_storage(module_file),
+        *check_descriptor_calls(module_file),
     ]
     for finding in findings:
         print("{} {}".format(os.path.basename(module_file), finding))

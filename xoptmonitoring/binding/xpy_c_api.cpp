@@ -28,6 +28,8 @@ namespace {
 std::int32_t gForkHandlerRegistered = 0;
 /// The test switch of XPy_DbgSetFailOnImport.
 std::int32_t gFailOnImport = 0;
+/// What XPy_SetQuietAboutLaterVersions has set.
+std::int32_t gQuietAboutLaterVersions = 0;
 
 constexpr std::size_t kUnicodeNameSize = 4096;
 
@@ -80,10 +82,25 @@ void store(Slot& slot, void* found) {
 }
 
 /// Which generations need a name, and whether binding fails without it.
-enum class Need { REQUIRED, ON_2, ON_3, OPTIONAL };
+enum class Need { REQUIRED, ON_2, ON_3, OFFERED, OFFERED_ON_3, OPTIONAL };
 
 bool is_wanted(Need need) {
-    return !(need == Need::ON_2 && xpy.major_version != 2) && !(need == Need::ON_3 && xpy.major_version == 2);
+    if (xpy.major_version == 2) {
+        return need != Need::ON_3 && need != Need::OFFERED_ON_3;
+    }
+    return need != Need::ON_2;
+}
+
+/// Whether binding goes on without the name. A version that nobody has described may have dropped what this module does
+/// not use: that is no reason to refuse it.
+bool may_be_missing(Need need) {
+    const bool is_offered = need == Need::OFFERED || need == Need::OFFERED_ON_3;
+    return need == Need::OPTIONAL || (is_offered && is_later_than_tables());
+}
+
+/// Whether nobody is told that the name is missing.
+bool is_missed_silently(Need need) {
+    return need == Need::OPTIONAL || (may_be_missing(need) && !tells_of_later_versions());
 }
 
 /// Looks `symbol` up as `need` says. False means that a required name is missing (and was reported).
@@ -92,8 +109,8 @@ bool look_up(Need need, const char* symbol, void** found) {
     if (!is_wanted(need)) {
         return true;
     }
-    *found = need == Need::OPTIONAL ? GetPtrNullOk(xpy.dll_ptr, symbol) : GetPtr(xpy.dll_ptr, symbol);
-    return *found != nullptr || need == Need::OPTIONAL;
+    *found = is_missed_silently(need) ? GetPtrNullOk(xpy.dll_ptr, symbol) : GetPtr(xpy.dll_ptr, symbol);
+    return *found != nullptr || may_be_missing(need);
 }
 
 template <class Slot>
@@ -111,9 +128,9 @@ bool bind_unicode(Need need, Slot& slot, const char* suffix) {
     if (!is_wanted(need)) {
         return true;
     }
-    void* found = GetUnicodeFunction(xpy.dll_ptr, suffix, "", need == Need::OPTIONAL);
+    void* found = GetUnicodeFunction(xpy.dll_ptr, suffix, "", is_missed_silently(need) ? 1 : 0);
     store(slot, found);
-    return found != nullptr || need == Need::OPTIONAL;
+    return found != nullptr || may_be_missing(need);
 }
 
 /// How a data symbol is read: its address is the object, or it is a variable that holds the pointer.
@@ -252,12 +269,24 @@ void learn_version() {
     std::fputs("Unable to get version numbers\n", stderr);
     read_version_constant();
     bind_function(Need::OPTIONAL, xpy.PyErr_Print, "PyErr_Print");
-    if (xpy.PyErr_Print != nullptr && xpy.PyErr_Occurred() != nullptr) {
-        xpy.PyErr_Print();
+    if (xpy.PyErr_Print != nullptr) {
+        xpy.PyErr_Print();  // does nothing where no exception is pending
     }
 }
 
-/// Resolves every slot of the list, in record order, stopping at the first required name that is missing.
+bool bind_unicode_slots() {
+#define XPY_UNICODE(need, result, name, suffix, parameters) \
+    if (!bind_unicode(Need::need, xpy.name, suffix)) {      \
+        return false;                                       \
+    }
+#define XPY_UNICODE_BACKED(backup, result, name, suffix, parameters) \
+    XPY_UNICODE(OPTIONAL, result, name, suffix, parameters)
+#include "xoptmonitoring/binding/xpy_api_slots.def"
+    return true;
+}
+
+/// Resolves every slot of the list, in record order but for the Unicode functions, which come last; stops at the first
+/// required name that is missing.
 bool bind_all_slots() {
 #define XPY_SLOT(need, result, name, parameters)       \
     if (!bind_function(Need::need, xpy.name, #name)) { \
@@ -265,12 +294,6 @@ bool bind_all_slots() {
     }
 #define XPY_BACKED(need, backup, result, name, parameters) XPY_SLOT(need, result, name, parameters)
 #define XPY_OLDER(older, backup, result, name, parameters) XPY_SLOT(OPTIONAL, result, name, parameters)
-#define XPY_UNICODE(need, result, name, suffix, parameters) \
-    if (!bind_unicode(Need::need, xpy.name, suffix)) {      \
-        return false;                                       \
-    }
-#define XPY_UNICODE_BACKED(backup, result, name, suffix, parameters) \
-    XPY_UNICODE(OPTIONAL, result, name, suffix, parameters)
 #define XPY_DATA(need, read, type, name)                       \
     if (!bind_data(Need::need, Read::read, xpy.name, #name)) { \
         return false;                                          \
@@ -280,7 +303,7 @@ bool bind_all_slots() {
         return false;                                                   \
     }
 #include "xoptmonitoring/binding/xpy_api_slots.def"
-    return true;
+    return bind_unicode_slots();
 }
 
 /// Generation 2 knows byte strings as its strings.
@@ -418,6 +441,14 @@ int XPy_DbgSetFailOnImport(int fail) {
     return std::exchange(gFailOnImport, fail);
 }
 
+int XPy_SetQuietAboutLaterVersions(int quiet) {
+    return std::exchange(gQuietAboutLaterVersions, quiet);
+}
+
+bool tells_of_later_versions() {
+    return gQuietAboutLaterVersions == 0;
+}
+
 PyThreadState* XPy_CurrentThreadStateOrNull() {
     if (xpy.PyThreadState_GetUnchecked != nullptr) {
         return xpy.PyThreadState_GetUnchecked();
@@ -427,6 +458,8 @@ PyThreadState* XPy_CurrentThreadStateOrNull() {
         tstate = xpy._PyThreadState_UncheckedGet();
     } else if (xpy._PyThreadState_Current != nullptr) {
         tstate = *xpy._PyThreadState_Current;
+    } else if (xpy.PyThreadState_Get != nullptr) {
+        tstate = xpy.PyThreadState_Get();  // ends the process on a thread that has none
     }
     const bool is_per_thread = xpy.major_version == 3 && xpy.minor_version > 11;
     if (tstate == nullptr || is_per_thread || xpy.tstate_offsets.thread_id == -1) {

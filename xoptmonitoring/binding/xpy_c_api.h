@@ -111,9 +111,13 @@ inline bool is_free_threaded() {
     return xpy.pyobject_offsets.mutex != -1;
 }
 
+/// Whether a person is told what follows from the interpreter's being later than the layout tables.
+bool tells_of_later_versions();
+
 /// Raises ImportError "Unable to init XPy", unless an exception is pending or the interpreter cannot raise
 /// one.
 void raise_unable_to_init();
 
-/// The calling thread's state, or null where there is none; unlike PyThreadState_Get this never aborts.
+/// The calling thread's state, or null where there is none. PyThreadState_Get, which ends the process where there is
+/// none, is asked only where an interpreter has nothing better: no known one is like that.
 PyThreadState* XPy_CurrentThreadStateOrNull();

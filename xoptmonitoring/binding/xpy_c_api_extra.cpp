@@ -128,6 +128,11 @@ int set_eval_frame(Function function) {
     return 0;
 }
 
+/// Binds unless that has happened. The test switch of binding has nothing to say any more once it has.
+bool is_bound() {
+    return xpy.initialized != 0 || XPy_Initialize() == 0;
+}
+
 /// A definition that would crash the interpreter is refused with the interpreter's own kind of complaint.
 bool has_name(const char* name) {
     if (name != nullptr) {
@@ -177,7 +182,7 @@ PyModuleDefBlock* XPy_CreatePy3ModuleDef(XPyModuleDef* xpy_mod_def) {
 }
 
 PyObject* XPy_InitModule(const char* name, PyMethodDef* methods) {
-    if (XPy_Initialize() != 0 || !has_name(name)) {
+    if (!is_bound() || !has_name(name)) {
         return nullptr;
     }
     if (xpy.major_version == 2) {
@@ -192,7 +197,7 @@ PyObject* XPy_InitModule(const char* name, PyMethodDef* methods) {
 }
 
 PyObject* XPyModuleDef_Init(XPyModuleDef* module_def) {
-    if (XPy_Initialize() != 0) {
+    if (!is_bound()) {
         return nullptr;
     }
     if (xpy.PyModuleDef_Init == nullptr) {  // before 3.5

@@ -101,6 +101,9 @@ const XPy_FieldWithSize* select_tstate_fields() {
     if (is_3_up_to(9)) {
         return py3d7_tstate_fields;
     }
+    if (xpy.major_version != 3) {
+        return nullptr;
+    }
     switch (xpy.minor_version) {
         case 10:
             return py3d10_tstate_fields;
@@ -155,7 +158,9 @@ void learn_tstate_fields() {
     }
     const XPy_FieldWithSize* table = select_tstate_fields();
     if (table == nullptr) {
-        std::fputs("Cannot find tstate fields for this python version\n", stderr);
+        if (tells_of_later_versions()) {
+            std::fputs("Cannot find tstate fields for this python version\n", stderr);
+        }
         return;
     }
     XPyThreadStateOffsets& tstate = xpy.tstate_offsets;
@@ -246,6 +251,10 @@ Py_ssize_t FindFieldOffset(const char* name, const XPy_FieldWithSize* table) {
         std::fprintf(stderr, "Unable to find field offset for: %s\n", name);
     }
     return offset;
+}
+
+bool is_later_than_tables() {
+    return select_tstate_fields() == nullptr;
 }
 
 void forget_layouts() {

@@ -56,6 +56,9 @@ Py_ssize_t FindFieldOffsetMissingOk(const char* name, const XPy_FieldWithSize* t
 /// As FindFieldOffsetMissingOk, but a miss is reported on the process's standard error.
 Py_ssize_t FindFieldOffset(const char* name, const XPy_FieldWithSize* table);
 
+/// Whether the interpreter is of a version that came after all that the tables describe. Needs the version words only.
+bool is_later_than_tables();
+
 /// Writes -1 into every offset of the record, so that what is not found reads as absent.
 void forget_layouts();
 

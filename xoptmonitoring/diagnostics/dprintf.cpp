@@ -384,9 +384,9 @@ void init_dp_data(tDPData* dp_data, int force) {
     if (dp_data == nullptr || (dp_data->initialized != 0 && force == 0)) {
         return;
     }
-    clear_dp_data(dp_data);
-    dp_data->shared_single_dp_data.in_dprint_count = 0;
-    dp_data->shared_single_dp_data.initialized = 1;
+    // Nothing is read: there may be anything in memory that is new.
+    dp_data->shared_single_dp_data = {
+        .initialized = 1, .file_obj = nullptr, .fileno = -1, .win32_handle = nullptr, .in_dprint_count = 0};
     dp_data->mask = kFirstMask;
     dp_data->_repr_str1 = new_repr_buffer();
     dp_data->_repr_str2 = new_repr_buffer();

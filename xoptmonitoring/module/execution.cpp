@@ -80,6 +80,55 @@ Ref import_member(ModuleState& m, PyObject* package, PyObject* member, long leve
     return module ? get_attr(module.get(), member) : Ref();
 }
 
+/// Whether the module is no member of a package, by the rule of the interpreter's relative imports: an empty package
+/// says so, and where no package is told, a name without a dot does. False also where that cannot be found out.
+bool is_outside_package(ModuleState& m) {
+    const PendingException pending;
+    PyObject* own = xpy.PyModule_GetDict(m.module);
+    PyObject* package = xpy.PyDict_GetItem(own, m.names.__package__);
+    if (package != nullptr && package != none()) {
+        return is_str(package) && xpy.PyUnicode_CompareWithASCIIString(package, "") == 0;
+    }
+    PyObject* name = xpy.PyDict_GetItem(own, m.names.__name__);
+    const Ref dot = Ref::steal(xpy.PyUnicode_FromString("."));
+    const int has_dot = name != nullptr && dot && is_str(name) ? contains(name, dot.get()) : -1;
+    if (has_dot < 0) {
+        xpy.PyErr_Clear();
+    }
+    return has_dot == 0;
+}
+
+/// Raises ImportError that says what is missing around a module on its own. What the interpreter has to say about that,
+/// which is pending, becomes its cause.
+XPY_COLD void raise_no_package() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    xpy.PyErr_Fetch(&type, &value, &traceback);
+    xpy.PyErr_NormalizeException(&type, &value, &traceback);
+    const Ref cause_type = Ref::steal(type);
+    const Ref cause = Ref::steal(value);
+    const Ref cause_traceback = Ref::steal(traceback);
+    xpy.PyErr_SetString(xpy.PyExc_ImportError,
+                        "xoptmonitoring has to be imported as a member of a package that has a module dbgpythonapi, "
+                        "not on its own");
+    xpy.PyErr_Fetch(&type, &value, &traceback);
+    xpy.PyErr_NormalizeException(&type, &value, &traceback);
+    if (value != nullptr && cause && xpy.PyObject_SetAttrString(value, "__cause__", cause.get()) != 0) {
+        xpy.PyErr_Clear();
+    }
+    xpy.PyErr_Restore(type, value, traceback);
+}
+
+/// The sibling module of the containing package.
+Ref import_sibling(ModuleState& m, PyObject* name) {
+    Ref sibling = import_member(m, m.literals.empty, name, 1);
+    if (!sibling && xpy.PyErr_ExceptionMatches(xpy.PyExc_ImportError) != 0 && is_outside_package(m)) {
+        raise_no_package();
+    }
+    return sibling;
+}
+
 bool import_standard_modules(ModuleState& m) {
     return SET_FINAL(ctypes, import_module(m, "ctypes")) && SET_FINAL(os, import_module(m, "os")) &&
            SET_FINAL(sys, import_module(m, "sys")) && SET_FINAL(threading, import_module(m, "threading")) &&
@@ -89,7 +138,7 @@ bool import_standard_modules(ModuleState& m) {
 }
 
 bool import_companions(ModuleState& m) {
-    if (!SET_FINAL(dbgpythonapi, import_member(m, m.literals.empty, m.names.dbgpythonapi, 1)) ||
+    if (!SET_FINAL(dbgpythonapi, import_sibling(m, m.names.dbgpythonapi)) ||
         !SET_FINAL(dlog, import_member(m, m.names.vornbase, m.names.dlog, 0))) {
         return false;
     }

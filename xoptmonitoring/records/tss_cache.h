@@ -23,7 +23,7 @@ struct alignas(128) SharedTssSlotRecord : TssSlotRecord {
 /// The cache's key: created on first use, under the cache's lock, and kept for the life of the process.
 extern Py_tss_t* _gXOptPerThreadTssKey;
 
-/// What the calling thread's slot under that key points at, once more: reading the slot takes two calls, this none. The
+/// What the calling thread's slot under that key points at, once more: this is read in fewer instructions. The
 /// two are always set together.
 extern constinit thread_local TssSlotRecord* current_slot_record;
 

@@ -411,8 +411,9 @@ TEST_F(Layouts, of_thread_states_per_version) {
 }
 
 TEST_F(Layouts, of_a_thread_state_that_nobody_has_described_are_not_guessed) {
-    for (const int minor : {15, 16, 40}) {
-        EXPECT_EQ(learn({3, minor}), "Cannot find tstate fields for this python version\n");
+    for (const Interpreter& unknown : {Interpreter{3, 15}, {3, 16}, {3, 40}, {4, 0}, {4, 10}, {4, 12}, {4, 14}}) {
+        SCOPED_TRACE(std::to_string(unknown.major) + "." + std::to_string(unknown.minor));
+        EXPECT_EQ(learn(unknown), "Cannot find tstate fields for this python version\n");
         const XPyThreadStateOffsets& found = xpy.tstate_offsets;
         for (const std::int64_t offset :
              {found.next, found.interp, found.frame, found.c_tracefunc, found.c_traceobj, found.thread_id,

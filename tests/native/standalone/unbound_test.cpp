@@ -274,12 +274,40 @@ TEST_F(Unbound, initialising_again_changes_nothing_unless_forced) {
     EXPECT_EQ(record->shared_single_dp_data.fileno, 1);
     EXPECT_EQ(record->_repr_str1, buffer);
     record->shared_single_dp_data.in_dprint_count = 1;
+    clear_dp_data(record);  // or it would be lost
     init_dp_data(record, 1);
     EXPECT_EQ(get_dp_data_mask(record), 84);
     EXPECT_EQ(record->shared_single_dp_data.fileno, -1);
     EXPECT_EQ(record->shared_single_dp_data.in_dprint_count, 0);
     EXPECT_NE(record->_repr_str1, nullptr);
     free_dp_data(record);
+}
+
+TEST_F(Unbound, memory_of_any_content_becomes_a_record) {
+    for (const int force : {0, 1}) {
+        auto* record = static_cast<tDPData*>(std::malloc(sizeof(tDPData)));
+        std::memset(record, 0xaa, sizeof *record);
+        if (force == 0) {
+            record->initialized = 0;
+        }
+        init_dp_data(record, force);
+        EXPECT_EQ(record->initialized, 1);
+        EXPECT_EQ(record->mask, 84);
+        const tSingleDPData& output = record->shared_single_dp_data;
+        EXPECT_EQ(output.initialized, 1);
+        EXPECT_EQ(output.file_obj, nullptr);
+        EXPECT_EQ(output.fileno, -1);
+        EXPECT_EQ(output.win32_handle, nullptr);
+        EXPECT_EQ(output.in_dprint_count, 0);
+        for (const tSingleDPData* category :
+             {record->core, record->filenames, record->internal_failures, record->threading,
+              record->initial_monitoring_callbacks, record->second_monitoring_callbacks}) {
+            EXPECT_EQ(category, nullptr);
+        }
+        EXPECT_STREQ(record->_repr_str1, "");
+        EXPECT_STREQ(record->_repr_str2, "");
+        free_dp_data(record);
+    }
 }
 
 TEST_F(Unbound, null_records_are_ignored) {
