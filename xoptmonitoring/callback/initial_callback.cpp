@@ -300,7 +300,7 @@ Ref __GetPerThreadCalledFromCallback(ModuleState& m) {
     }
     if (per_thread.get() == none()) {
         // The thread is inside its own clean-up: the attribute read of a record that is not there.
-        xpy.PyErr_Format(xpy.PyExc_AttributeError, "'NoneType' object has no attribute '%s'", "fThreadName");
+        raise_none_has_no("fThreadName");
         return {};
     }
     const Ref name = load_field(per_thread.get(), per_thread::data(per_thread.get()).fThreadName);

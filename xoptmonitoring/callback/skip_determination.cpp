@@ -107,9 +107,18 @@ struct CarefulRoad : SharedRoad<CarefulRoad> {
         return per_thread::data(event.per_thread.get());
     }
 
+    /// None where constructing a record gave that: `CPerCodeObject.__new__` can be replaced.
     static bool find_code_record(ModuleState& m, HeldEvent& event) {
         event.per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
         return static_cast<bool>(event.per_code_object);
+    }
+
+    static bool has_code_record(const HeldEvent& event) {
+        return event.per_code_object.get() != none();
+    }
+
+    static bool is_internal(const HeldEvent& event) {
+        return has_code_record(event) && SharedRoad::is_internal(event);
     }
 
     static bool find_thread_record(ModuleState& m, HeldEvent& event) {
@@ -140,6 +149,10 @@ struct CarefulRoad : SharedRoad<CarefulRoad> {
     }
 
     static Line look_at_line(const HeldEvent& event) {
+        if (!has_code_record(event)) {
+            raise_none_has_no("fSteppingEventsNeededCount");
+            return Line::Stop;
+        }
         const Ref enabled_bp_linenos = breakpoints(event);
         if (!enabled_bp_linenos) {
             return Line::Stop;
@@ -216,6 +229,10 @@ struct FastRoad {
 
     static bool is_internal(const QuickEvent& event) {
         return !is_ordinary<FastRoad>(*event.code_record);
+    }
+
+    static bool has_code_record(const QuickEvent& /*event*/) {
+        return true;
     }
 
     static bool find_thread_record(const ModuleState& m, QuickEvent& event) {
@@ -322,6 +339,10 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
         return !event.is_ordinary && load(code_record(event).fIsInternal) != 0;
     }
 
+    static bool has_code_record(const LocalEvent& /*event*/) {
+        return true;
+    }
+
     static bool find_thread_record(const ModuleState& m, LocalEvent& event) {
         if constexpr (kIsLine) {
             event.slot_record = tss_cache::peek_slot_record();
@@ -401,12 +422,13 @@ Answer answer_internal(RoadState<Road>& m, const typename Road::RoadEvent& event
     return disable ? Answer::Disable : Answer::Skip;
 }
 
-/// Whether a LINE event may be filtered by the code object's breakpoints alone.
+/// Whether a LINE event may be filtered by the code object's breakpoints alone. So it may where there is no record of
+/// the code object, which looking at the line then complains of.
 template <class Road>
 XPY_ALWAYS_INLINE bool is_line_filter_on(const typename Road::RoadEvent& event) {
     const InitialCallbackData& callback = Road::callback(event);
     return are_clear<Road>(callback.fAnySuspendThread, callback.fSteppingEventsNeededEveryThread) &&
-           Road::load(Road::code_record(event).fSteppingEventsNeededCount) == 0;
+           (!Road::has_code_record(event) || Road::load(Road::code_record(event).fSteppingEventsNeededCount) == 0);
 }
 
 /// The last filter.
@@ -418,6 +440,10 @@ XPY_ALWAYS_INLINE Answer decide_second(typename Road::RoadEvent& event, EventKin
     const Step stepping = Road::is_stepping(event);
     if (stepping != Step::No) {
         return stepping == Step::Yes ? Answer::Call : Road::kStop;
+    }
+    if (!Road::has_code_record(event)) {
+        raise_none_has_no("fSteppingEventsNeededCount");
+        return Road::kStop;
     }
     const PerCodeObjectData& record = Road::code_record(event);
     if (Road::load(record.fSteppingEventsNeededCount) != 0) {

@@ -488,7 +488,9 @@ Ref GetPerCodeObject(ModuleState& m, PyObject* code_object, bool create_missing,
         if (!create_missing) {
             return per_code_object;
         }
-        const Ref fresh = call(as_object(this_class(m)), code_object, frame);
+        PyTypeObject* cls = this_class(m);
+        // Python code may have replaced `__new__`, and then constructing gives whatever that returns.
+        const Ref fresh = cls != nullptr ? checked_record(cls, call(as_object(cls), code_object, frame)) : Ref();
         if (!fresh) {
             return {};
         }
