@@ -225,6 +225,22 @@ class RegistryBehaviour:
         GetPerCodeObject(make_code("/a.py"))
         self.assertEqual(enter.calls, [])
 
+    def test_what_is_no_record_is_neither_registered_nor_announced(self):
+        code = make_code("/a.py")
+        announced = Recorder()
+        CPerCodeObject.SetNewPerCodeObjectCreatedCallback(announced)
+        for value in (5, None, CPerFile("/a.py"), CPerCodeObject):
+            with self.subTest(value=value):
+                self.assert_raises_text(TypeError, f"expected CPerCodeObject, got {repr(value)[:200]}",
+                                        CPerCodeObject._RegisterPerCodeObject, code, value)
+                self.assertIsNone(GetPerCodeObject(code, False))
+        self.assertEqual((announced.calls, CPerCodeObject._fPerCodeObjectDict), ([], {}))
+        record = GetPerCodeObject(code)
+        self.assert_raises_text(TypeError, "expected CPerCodeObject, got 5",
+                                CPerCodeObject._RegisterPerCodeObject, code, 5)
+        self.assertIs(GetPerCodeObject(code), record)
+        self.assertEqual(announced.calls, [(record,)])
+
     def test_threads_that_meet_new_code_at_once_leave_one_record_for_each(self):
         thread_count, code_count = 8, 100
         codes = [make_code("/a.py") for _ in range(code_count)]

@@ -104,15 +104,14 @@ Ref _GetExistingPerCodeObjectFromWeakref(ModuleState& m, PyTypeObject* cls, PyOb
     return registry ? checked_record(cls, dict_get(registry.get(), ref.get(), m.names.get)) : Ref();
 }
 
-/// Enters the record into the registry. `kept` tells that another record was there first.
+/// Enters the record, an instance of `cls`, into the registry. `kept` tells that another record was there first.
 bool store_record(ModuleState& m, PyTypeObject* cls, PyObject* code_object, PyObject* per_code_object, bool* kept) {
     *kept = false;
     const Py_ssize_t index = extra_index(cls);
     if (index != -1) {
         return set_code_extra(as_object(cls), code_object, index, per_code_object, cls, kept);
     }
-    Data* record = record_data<Data>(per_code_object, cls, "CPerCodeObject");
-    const Ref ref = record != nullptr ? load_field(per_code_object, record->fCodeObjectWeakRef) : Ref();
+    const Ref ref = load_field(per_code_object, data(per_code_object).fCodeObjectWeakRef);
     const Ref registry = ref ? load_class_slot(cls, &ClassData::_fPerCodeObjectDict) : Ref();
     const Ref winner = registry ? call_method(registry.get(), m.names.setdefault, ref.get(), per_code_object) : Ref();
     if (!winner || winner.get() == per_code_object) {
@@ -164,12 +163,16 @@ bool _RegisterPerCodeObject(ModuleState& m, PyObject* code_object, PyObject* per
     if (cls == nullptr) {
         return false;
     }
+    if (!is_instance_of(per_code_object, cls)) {
+        raise_expected("CPerCodeObject", per_code_object);  // once it was stored, no look-up would succeed any more
+        return false;
+    }
     bool kept = false;
     if (!store_record(m, cls, code_object, per_code_object, &kept)) {
         return false;
     }
     if (kept) {
-        return !is_instance_of(per_code_object, cls) || _DiscardFromPerFile(m, per_code_object);
+        return _DiscardFromPerFile(m, per_code_object);
     }
     const Ref callback = load_class_slot(cls, &ClassData::_fNewPerCodeObjectCreatedCallback);
     return callback && call_untraced(m, callback.get(), per_code_object);
