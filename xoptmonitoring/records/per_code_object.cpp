@@ -5,7 +5,7 @@
 // its code object weakly, so that it never keeps code alive. A record lives as long as its code object.
 //
 // Two threads can meet a new code object at once. The first record stored stays: the second store takes another look
-// under the class's lock, and the record that came too late leaves its per-file record again, unannounced.
+// under the lock of all slots, and the record that came too late leaves its per-file record again, unannounced.
 #include "xoptmonitoring/records/per_code_object.h"
 
 #include "xoptmonitoring/pathnames/pathname_functions.h"
@@ -109,7 +109,7 @@ bool store_record(ModuleState& m, PyTypeObject* cls, PyObject* code_object, PyOb
     *kept = false;
     const Py_ssize_t index = extra_index(cls);
     if (index != -1) {
-        return set_code_extra(as_object(cls), code_object, index, per_code_object, cls, kept);
+        return set_code_extra(code_object, index, per_code_object, cls, kept);
     }
     const Ref ref = load_field(per_code_object, data(per_code_object).fCodeObjectWeakRef);
     const Ref registry = ref ? load_class_slot(cls, &ClassData::_fPerCodeObjectDict) : Ref();
@@ -459,7 +459,7 @@ bool is_in_slot(ModuleState& m, PyObject* code_object, PyObject* per_code_object
     if (index < 0 || cls != __atomic_load_n(&m.globals.CPerCodeObject, __ATOMIC_RELAXED)) {
         return false;
     }
-    const CodeExtra extra = get_code_extra(cls, code_object, index);
+    const CodeExtra extra = get_code_extra(code_object, index);
     if (extra.failed) {
         xpy.PyErr_Clear();
     }
@@ -475,7 +475,7 @@ Ref _GetExistingPerCodeObject(ModuleState& m, PyObject* code_object) {
     if (index == -1) {
         return _GetExistingPerCodeObjectFromWeakref(m, cls, code_object);
     }
-    CodeExtra extra = get_code_extra(as_object(cls), code_object, index);
+    CodeExtra extra = get_code_extra(code_object, index);
     if (extra.failed) {
         return {};
     }
@@ -593,6 +593,7 @@ Ref create(ModuleState& m) {
         local_state::create_key();
         local_state::begin_epoch();
     }
+    note_record_class(index, as_type(cls.get()));
     class_data_as<ClassData>(as_type(cls.get())).reserved_index = index;
     set_class_word(as_type(cls.get()), kExtraIndexField, index);
     store_class_slot(as_type(cls.get()), &ClassData::_fNewPerCodeObjectCreatedCallback, new_none());
