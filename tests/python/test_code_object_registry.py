@@ -1,6 +1,7 @@
 """Where the records of code objects are kept: the extra slot of the code object, or else a dictionary."""
 
 import gc
+import importlib.util
 import sys
 import threading
 import unittest
@@ -8,7 +9,7 @@ import weakref
 
 from code_helpers import (CALLING, collect_code, conversion_error, frees_code_objects, in_frame_of,
                           make_code)
-from support import NastyError, Recorder, XoTestCase, raising, run_python, xo
+from support import NastyError, Recorder, XoTestCase, is_free_threaded, raising, run_python, xo
 
 CPerFile = xo.CPerFile
 CPerCodeObject = xo.CPerCodeObject
@@ -225,6 +226,22 @@ class RegistryBehaviour:
         GetPerCodeObject(make_code("/a.py"))
         self.assertEqual(enter.calls, [])
 
+    def test_what_is_no_record_is_neither_registered_nor_announced(self):
+        code = make_code("/a.py")
+        announced = Recorder()
+        CPerCodeObject.SetNewPerCodeObjectCreatedCallback(announced)
+        for value in (5, None, CPerFile("/a.py"), CPerCodeObject):
+            with self.subTest(value=value):
+                self.assert_raises_text(TypeError, f"expected CPerCodeObject, got {repr(value)[:200]}",
+                                        CPerCodeObject._RegisterPerCodeObject, code, value)
+                self.assertIsNone(GetPerCodeObject(code, False))
+        self.assertEqual((announced.calls, CPerCodeObject._fPerCodeObjectDict), ([], {}))
+        record = GetPerCodeObject(code)
+        self.assert_raises_text(TypeError, "expected CPerCodeObject, got 5",
+                                CPerCodeObject._RegisterPerCodeObject, code, 5)
+        self.assertIs(GetPerCodeObject(code), record)
+        self.assertEqual(announced.calls, [(record,)])
+
     def test_threads_that_meet_new_code_at_once_leave_one_record_for_each(self):
         thread_count, code_count = 8, 100
         codes = [make_code("/a.py") for _ in range(code_count)]
@@ -328,6 +345,75 @@ class ExtraSlotRegistryTest(RegistryBehaviour, XoTestCase):
             lambda announced: seen.append((announced, GetPerCodeObject(other, False))))
         self.assertIsNone(CPerCodeObject._RegisterPerCodeObject(per_code_object=record, code_object=other))
         self.assertEqual(seen, [(record, record)])
+
+
+def make_module_object():
+    """Another module object of the very file that this process has imported already."""
+    spec = importlib.util.spec_from_file_location(xo.__spec__.name, xo.__file__)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
+
+
+class TwoModuleObjectsTest(XoTestCase):
+    """Each has records of its own for a code object, in another slot of that."""
+
+    def setUp(self):
+        super().setUp()
+        self.other = make_module_object()
+        self.addCleanup(self.other.reset)
+
+    def meet_new_code(self):
+        """Many threads meet new code objects, each for one of the modules; returns the records that were lost."""
+        threads_of_each, batch_count, codes_at_once = 4, 10, 200
+        batches = [[make_code("/a.py") for _ in range(codes_at_once)] for _ in range(batch_count)]
+        met = [(module, []) for module in (xo, self.other) for _ in range(threads_of_each)]
+        barrier = threading.Barrier(len(met))
+
+        def run(module, records):
+            for batch in batches:
+                barrier.wait()
+                for code in batch:
+                    records.append((code, module.CPerCodeObject.GetPerCodeObject(code)))
+
+        threads = [threading.Thread(target=run, args=each) for each in met]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        return [record for module, records in met for code, record in records
+                if module.CPerCodeObject.GetPerCodeObject(code, False) is not record]
+
+    def test_threads_that_meet_new_code_for_both_lose_no_record(self):
+        for module in (xo, self.other):
+            module.CPerFile.GetPerFile("/a.py")
+        for _ in range(10 if is_free_threaded() else 1):
+            self.assertEqual(self.meet_new_code(), [])
+
+    def test_a_record_that_the_other_replaces_is_kept_while_threads_can_be_looking_at_it(self):
+        code = make_code("/a.py")
+        reference = weakref.ref(GetPerCodeObject(code))
+        CPerFile._fPerFileDict.clear()
+        index = CPerCodeObject._fCodeObjectExtraIndex
+        self.other._Code_SetExtra(code, index, None)
+        gc.collect()
+        self.assertEqual(reference() is not None, is_free_threaded())
+        self.assertIsNone(xo._Code_GetExtra(code, index))
+
+    def test_what_is_no_record_is_let_go_when_the_other_replaces_it(self):
+        class Value:
+            pass
+
+        code = make_code("/a.py")
+        value = Value()
+        reference = weakref.ref(value)
+        index = CPerCodeObject._fCodeObjectExtraIndex
+        xo._Code_SetExtra(code, index, value)
+        del value
+        self.assertIsNotNone(reference())
+        self.other._Code_SetExtra(code, index, None)
+        gc.collect()
+        self.assertIsNone(reference())
 
 
 class DictionaryRegistryTest(RegistryBehaviour, XoTestCase):

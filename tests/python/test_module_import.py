@@ -18,6 +18,10 @@ from unittest import mock
 import interface
 from support import BARE_MODULE_MESSAGE, HostPackage, NastyError, XoTestCase, raising, run_python, xo
 
+# Makes a subinterpreter without a global lock of its own.
+CREATE_WITH_SHARED_LOCK = "interpreters.create(isolated=False)" if sys.version_info < (3, 13) \
+    else 'interpreters.create("legacy")'
+
 STANDARD = ["ctypes", "os", "sys", "threading", "time", "traceback", "types", "weakref", "typing"]
 
 
@@ -596,10 +600,12 @@ class Surroundings(HostCase):
                 assert len(found) == 8 and len(set(map(id, found))) == 1, found
             """)
 
-    def test_a_subinterpreter_refuses_the_module(self):
+    def check_in_subinterpreter(self, create, before=""):
+        """Importing the module fails in the interpreter that `create` makes, and works in the main one."""
         with HostPackage() as host:
-            host.run_python("""
-                import os, sys, tempfile
+            host.run_python(f"""
+                import importlib, os, sys, tempfile
+                {before}
                 try:
                     import _interpreters as interpreters
                 except ImportError:
@@ -608,23 +614,38 @@ class Surroundings(HostCase):
                     answer = os.path.join(directory, "answer")
                     script = f'''if True:
                         import sys
-                        sys.path[:] = {sys.path!r}
-                        try:
-                            import {MODULE}
-                        except ImportError as error:
-                            text = str(error)
-                        else:
-                            text = "imported"
-                        with open({answer!r}, "w") as f:
-                            f.write(text)
+                        sys.path[:] = {{sys.path!r}}
+                        texts = []
+                        for attempt in range(2):
+                            try:
+                                import {{MODULE}}
+                            except ImportError as error:
+                                texts.append(str(error))
+                            else:
+                                texts.append("imported")
+                        with open({{answer!r}}, "w") as f:
+                            f.write("|".join(texts))
                     '''
-                    interpreter = interpreters.create()
+                    interpreter = {create}
                     interpreters.run_string(interpreter, script)
                     interpreters.destroy(interpreter)
                     with open(answer) as f:
-                        text = f.read()
-                assert text == f"module {MODULE} does not support loading in subinterpreters", text
+                        texts = f.read().split("|")
+                assert texts == [f"module {{MODULE}} does not support loading in subinterpreters"] * 2, texts
+                xo = importlib.import_module(MODULE)
+                code = (lambda: 5).__code__
+                record = xo.CPerCodeObject.GetPerCodeObject(code)
+                assert xo.CPerCodeObject.GetPerCodeObject(code) is record, record
             """)
+
+    def test_a_subinterpreter_refuses_the_module(self):
+        self.check_in_subinterpreter("interpreters.create()")
+
+    def test_a_subinterpreter_that_shares_the_global_lock_refuses_the_module(self):
+        self.check_in_subinterpreter(CREATE_WITH_SHARED_LOCK)
+
+    def test_a_subinterpreter_refuses_the_module_that_the_main_interpreter_has(self):
+        self.check_in_subinterpreter(CREATE_WITH_SHARED_LOCK, before="importlib.import_module(MODULE)")
 
 
 if __name__ == "__main__":

@@ -482,6 +482,65 @@ HANDLING = {
             seen.append(describe(sys.exception()))
             return seen
         """,
+    "an exception that a generator handles as its caller does": """
+        def main():
+            seen = []
+            error = KeyError("of both")
+
+            def generate():
+                try:
+                    raise error
+                except KeyError:
+                    yield sys.exception() is error
+                    seen.append(sys.exception() is error)
+                    yield "with the caller"
+                    seen.append(describe(sys.exception()))
+                    try:
+                        raise
+                    except KeyError as again:
+                        seen.append(again is error)
+                    yield "alone"
+                seen.append(describe(sys.exception()))
+                yield "after"
+
+            generator = generate()
+            seen.append(next(generator))
+            try:
+                raise error
+            except KeyError:
+                seen.append(next(generator))
+                seen.append(sys.exception() is error)
+            seen.append(describe(sys.exception()))
+            seen.append(next(generator))
+            seen.append(next(generator))
+            seen.append(describe(sys.exception()))
+            return seen
+        """,
+    "an exception that a generator's caller alone handles": """
+        def main():
+            seen = []
+            error = KeyError("of the caller")
+
+            def generate():
+                seen.append(sys.exception() is error)
+                yield "with the caller"
+                seen.append(describe(sys.exception()))
+                try:
+                    raise
+                except RuntimeError as none:
+                    seen.append(str(none))
+                yield "alone"
+
+            generator = generate()
+            try:
+                raise error
+            except KeyError:
+                seen.append(next(generator))
+                seen.append(sys.exception() is error)
+            seen.append(next(generator))
+            seen.append(describe(sys.exception()))
+            return seen
+        """,
     "the context of later exceptions": """
         def main():
             seen = []

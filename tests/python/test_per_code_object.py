@@ -3,12 +3,13 @@
 import importlib._bootstrap
 import os
 import sys
+import textwrap
 import types
 import unittest
 import weakref
 
 from code_helpers import CALLING, collect_code, frees_code_objects, in_frame_of, make_code
-from support import NastyError, Recorder, XoTestCase, raising, xo
+from support import NastyError, Recorder, XoTestCase, raising, run_python, xo
 
 CPerFile = xo.CPerFile
 CPerCodeObject = xo.CPerCodeObject
@@ -571,6 +572,81 @@ class LookupTest(XoTestCase):
         self.assertIs(GetPerCodeObject(code), record)
         self.assertEqual(filed_under("/a.py"), {record})
         self.assertEqual(len(announced.calls), 1)
+
+
+class ReplacedConstructionTest(XoTestCase):
+    """`CPerCodeObject.__new__` can be replaced. In a process of its own, since that cannot be undone."""
+
+    PROLOGUE = """
+        import sys
+        from vorntracer import xoptmonitoring as xo
+        from vornbase import dlog
+
+        def given(result):
+            xo.CPerCodeObject.__new__ = lambda cls, *args: result
+
+        logged = []
+        dlog.LogException = lambda *args: logged.append((type(sys.exception()), str(sys.exception())))
+        code = compile("1", "/a.py", "exec")
+        names = {name: getattr(xo, f"kPy{name}EventId") for name in ("Line", "Start", "Resume", "Return", "Yield")}
+        second = lambda code, *args: "second"
+    """
+
+    def run_replaced(self, text):
+        return run_python(textwrap.dedent(self.PROLOGUE) + textwrap.dedent(text))
+
+    def test_what_constructing_gives_is_a_record_or_none_or_refused(self):
+        self.run_replaced("""
+            for result in (5, b"x" * 500, object(), code):
+                given(result)
+                for frame in (None, sys._getframe()):
+                    try:
+                        found = xo.CPerCodeObject.GetPerCodeObject(code, True, frame)
+                    except TypeError as error:
+                        text = str(error)
+                        assert text == f"expected CPerCodeObject | None, got {repr(result)[:200]}", text
+                    else:
+                        raise AssertionError(found)
+            given(None)
+            assert xo.CPerCodeObject.GetPerCodeObject(code) is None
+            record = object.__new__(xo.CPerCodeObject)
+            given(record)
+            assert xo.CPerCodeObject.GetPerCodeObject(code) is record
+        """)
+
+    def test_the_first_stage_refuses_a_foreign_record(self):
+        self.run_replaced("""
+            given(b"x" * 500)
+            for name, event_id in names.items():
+                callback = xo.CInitialCallback(event_id, second, True)
+                for calls in range(3):
+                    assert callback.Callback(code, 1) is None
+                    ((kind, text),) = logged
+                    assert kind is TypeError and text.startswith("expected CPerCodeObject | None, got b'xxx"), logged
+                    logged.clear()
+        """)
+
+    def test_without_a_record_the_first_stage_asks_what_it_can_and_then_says_what_none_lacks(self):
+        self.run_replaced("""
+            given(None)
+            callbacks = {name: xo.CInitialCallback(event_id, second, True) for name, event_id in names.items()}
+            for name, callback in callbacks.items():
+                assert callback.Callback(code, 1) is None
+                text = "'NoneType' object has no attribute 'fSteppingEventsNeededCount'"
+                assert logged == [(AttributeError, text)], logged
+                logged.clear()
+            other = xo.CInitialCallback(sys.monitoring.events.CALL, second, True)
+            assert other.Callback(code, 1) == "second"
+            thread = xo.CPerThread.GetPerThread()
+            thread.fSteppingEventsNeeded = True
+            for name, callback in callbacks.items():
+                callback.fAnySuspendThread = True  # a LINE event is then not filtered by the code object alone
+                assert callback.Callback(code, 1) == "second", name
+            thread.fDebugPolicy = 0
+            for name, callback in callbacks.items():
+                assert callback.Callback(code, 1) is None
+            assert logged == [], logged
+        """)
 
 
 class SettlingTest(XoTestCase):

@@ -462,13 +462,32 @@ class SecondCallbackFilterTest(DecisionTestCase):
             answer = callback._SkipSecondCallback(self.code, self.record, self.thread, LINE_WITHOUT)
             self.assertIs(answer, True)
 
-    def test_a_missing_record_is_an_error_and_not_a_crash(self):
-        callback = self.make_callback(xo.kPyLineEventId)
-        for record, thread in ((None, self.thread), (self.record, None), (None, None), (5, self.thread),
-                               (self.record, 5)):
-            with self.subTest(record=record, thread=thread):
-                with self.assertRaises((AttributeError, TypeError)):
-                    callback._SkipSecondCallback(self.code, record, thread, LINE_WITHOUT)
+    def test_an_unknown_event_is_called_whatever_the_records_are(self):
+        callback = self.make_callback(FOREIGN_EVENT_ID)
+        for record in (self.record, None, 5):
+            for thread in (self.thread, None, 5):
+                with self.subTest(record=record, thread=thread):
+                    self.assertIs(callback._SkipSecondCallback(self.code, record, thread, LINE_WITHOUT), False)
+
+    def test_the_threads_record_is_read_first_and_the_code_objects_where_the_thread_is_not_stepping(self):
+        no_thread = (AttributeError, "'NoneType' object has no attribute 'fSteppingEventsNeeded'")
+        no_record = (AttributeError, "'NoneType' object has no attribute 'fSteppingEventsNeededCount'")
+        for name, event_id in EVENT_IDS.items():
+            callback = self.make_callback(event_id)
+            for record, thread, expected in (
+                    (None, None, no_thread), (5, None, no_thread), (self.record, None, no_thread),
+                    (None, 5, (TypeError, "expected CPerThread instance, got 5")),
+                    (None, self.thread, no_record),
+                    (5, self.thread, (TypeError, "expected CPerCodeObject instance, got 5"))):
+                with self.subTest(event=name, record=record, thread=thread):
+                    self.assert_raises_text(*expected, callback._SkipSecondCallback, self.code, record, thread,
+                                            LINE_WITHOUT)
+        self.thread.fSteppingEventsNeeded = True
+        for name, event_id in EVENT_IDS.items():
+            for record in (None, 5):
+                with self.subTest(event=name, record=record):
+                    answer = self.make_callback(event_id)._SkipSecondCallback(self.code, record, self.thread, None)
+                    self.assertIs(answer, False)
 
     def test_nothing_is_written_by_the_filter(self):
         writer = RecordingWriter()

@@ -113,10 +113,10 @@ class ProtocolTest(SuspensionTestCase):
         self.assertEqual((self.steps, other_steps), (["acquire", "release"], []))
 
     def test_only_records_can_be_suspended(self):
-        for value in (5, None):
-            with self.subTest(value=value):
-                self.assert_raises_text(TypeError, f"expected CPerThread instance, got {value!r}",
-                                        self.callback._SuspendIfNeeded, value)
+        self.assert_raises_text(TypeError, "expected CPerThread instance, got 5", self.callback._SuspendIfNeeded, 5)
+        error = self.assert_raises_text(AttributeError, "'NoneType' object has no attribute 'fCheckSuspendLock'",
+                                        self.callback._SuspendIfNeeded, None)
+        self.assertEqual((error.name, error.obj), ("fCheckSuspendLock", None))
 
 
 class LogLinesTest(SuspensionTestCase):

@@ -1,8 +1,10 @@
 """The tracing level of the calling thread, and callbacks that are told of new records while it is raised."""
 
+import ctypes
 import sys
 import threading
 import unittest
+from unittest import mock
 
 from code_helpers import conversion_error
 from support import NastyError, Recorder, RecordingWriter, XoTestCase, xo
@@ -274,6 +276,33 @@ class AnnouncementTest(TracingTestCase):
         callback = Recorder()
         self.assert_raises_text(NastyError, "stuck", xo._CallNewObjectCallback, callback, None)
         self.assertEqual(callback.calls, [(None,)])
+
+    def test_a_level_that_is_lowered_by_what_then_lacks_memory_is_lowered_once(self):
+        # It was lowered a second time, and a level below zero keeps the thread silent, too.
+        real = xo.dbgpythonapi.PyThreadState_LeaveTracing
+        for error in (MemoryError("after"), ctypes.ArgumentError("after"), NastyError("after")):
+            with self.subTest(error=error):
+
+                def leave(tstate):
+                    real(tstate)
+                    raise error
+
+                with mock.patch.object(xo.dbgpythonapi, "PyThreadState_LeaveTracing", leave):
+                    self.assert_raises_text(type(error), "after", xo._CallNewObjectCallback, Recorder(), None)
+                self.assertTrue(self.raises_events())
+                xo.AddToThreadStateTracing(1)
+                self.assertFalse(self.raises_events())
+                xo.AddToThreadStateTracing(-1)
+                self.assertTrue(self.raises_events())
+
+    def test_a_level_that_could_not_be_lowered_for_want_of_memory_is_lowered_nevertheless(self):
+        for error in (MemoryError("instead"), ctypes.ArgumentError("instead")):
+            with self.subTest(error=error):
+                leave = Recorder(error=error)
+                with mock.patch.object(xo.dbgpythonapi, "PyThreadState_LeaveTracing", leave):
+                    self.assert_raises_text(type(error), "instead", xo._CallNewObjectCallback, Recorder(), None)
+                self.assertEqual(len(leave.calls), 1)
+                self.assertTrue(self.raises_events())
 
     def test_a_log_that_fails_from_the_callback_on_leaves_the_level_as_it_was(self):
         # The thread raised no event ever again: the line before the lowering could not be written.

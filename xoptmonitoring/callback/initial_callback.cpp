@@ -139,11 +139,6 @@ Ref answer_object(ModuleState& m, Answer answer) {
     }
 }
 
-/// Whether `object` is a per-code-object record; TypeError otherwise.
-bool check_per_code_object(ModuleState& m, PyObject* object) {
-    return record_data<PerCodeObjectData>(object, per_code_object::this_class(m), "CPerCodeObject") != nullptr;
-}
-
 Ref initialise(PyObject* self, const Argument* args) {
     Data& callback = data(self);
     __atomic_store_n(&callback._fEventId, args[0].integer, __ATOMIC_SEQ_CST);
@@ -204,9 +199,6 @@ constexpr FunctionDecl kMethods[] = {
      Binding::Instance},
     {"_SkipSecondCallback", kSecondParams,
      [](ModuleState& m, PyObject* self, const Argument* args) {
-         if (!check_per_code_object(m, args[1].object) || per_thread::checked_data(m, args[2].object) == nullptr) {
-             return Ref();
-         }
          HeldEvent event{args[0].object, args[3].object, Ref::share(self), Ref::share(args[1].object),
                          Ref::share(args[2].object)};
          const Answer answer = _SkipSecondCallback(m, event);
@@ -300,7 +292,7 @@ Ref __GetPerThreadCalledFromCallback(ModuleState& m) {
     }
     if (per_thread.get() == none()) {
         // The thread is inside its own clean-up: the attribute read of a record that is not there.
-        xpy.PyErr_Format(xpy.PyExc_AttributeError, "'NoneType' object has no attribute '%s'", "fThreadName");
+        raise_none_has_no("fThreadName");
         return {};
     }
     const Ref name = load_field(per_thread.get(), per_thread::data(per_thread.get()).fThreadName);

@@ -68,6 +68,17 @@ XPY_ALWAYS_INLINE bool is_ordinary(const PerCodeObjectData& record) {
     return are_clear<Road>(record.fIsInternal, record.fUpdatePathnameNeeded);
 }
 
+/// Data of `object`, which has to be a record of `cls`, for reading `field` of it. Null with the error of reading that
+/// through None, or with TypeError "expected NAME instance, got ...".
+template <class Data>
+const Data* record_with(const char* field, PyObject* object, PyTypeObject* cls, const char* name) {
+    if (XPY_UNLIKELY(object == none() && cls != nullptr)) {
+        raise_none_has_no(field);
+        return nullptr;
+    }
+    return record_data<Data>(object, cls, name);
+}
+
 /// What is common to the roads on which the tracer may be changing flags, counts and policies on another thread.
 template <class Road>
 struct SharedRoad {
@@ -86,6 +97,8 @@ struct SharedRoad {
 struct CarefulRoad : SharedRoad<CarefulRoad> {
     using RoadEvent = HeldEvent;
     static constexpr Answer kStop = Answer::Failed;
+    /// The field of the code object's record that is read first.
+    static constexpr const char* kFirstOfCodeRecord = "fSteppingEventsNeededCount";
 
     static const InitialCallbackData& callback(const HeldEvent& event) {
         return data(event.self.get());
@@ -107,9 +120,29 @@ struct CarefulRoad : SharedRoad<CarefulRoad> {
         return per_thread::data(event.per_thread.get());
     }
 
+    /// None where constructing a record gave that: `CPerCodeObject.__new__` can be replaced.
     static bool find_code_record(ModuleState& m, HeldEvent& event) {
         event.per_code_object = __GetPerCodeObjectCalledFromCallback(m, event.code_object);
         return static_cast<bool>(event.per_code_object);
+    }
+
+    static bool has_code_record(const HeldEvent& event) {
+        return event.per_code_object.get() != none();
+    }
+
+    /// Python code that asks for the last filter alone can give anything for a record.
+    static bool check_code_record(ModuleState& m, const HeldEvent& event) {
+        return record_with<PerCodeObjectData>(kFirstOfCodeRecord, event.per_code_object.get(),
+                                              per_code_object::this_class(m), "CPerCodeObject") != nullptr;
+    }
+
+    static bool check_thread_record(ModuleState& m, const HeldEvent& event) {
+        return record_with<PerThreadData>("fSteppingEventsNeeded", event.per_thread.get(), per_thread::this_class(m),
+                                          "CPerThread") != nullptr;
+    }
+
+    static bool is_internal(const HeldEvent& event) {
+        return has_code_record(event) && SharedRoad::is_internal(event);
     }
 
     static bool find_thread_record(ModuleState& m, HeldEvent& event) {
@@ -140,6 +173,10 @@ struct CarefulRoad : SharedRoad<CarefulRoad> {
     }
 
     static Line look_at_line(const HeldEvent& event) {
+        if (!has_code_record(event)) {
+            raise_none_has_no(kFirstOfCodeRecord);
+            return Line::Stop;
+        }
         const Ref enabled_bp_linenos = breakpoints(event);
         if (!enabled_bp_linenos) {
             return Line::Stop;
@@ -216,6 +253,14 @@ struct FastRoad {
 
     static bool is_internal(const QuickEvent& event) {
         return !is_ordinary<FastRoad>(*event.code_record);
+    }
+
+    static bool has_code_record(const QuickEvent& /*event*/) {
+        return true;
+    }
+
+    static bool check_code_record(const ModuleState& /*m*/, const QuickEvent& /*event*/) {
+        return true;
     }
 
     static bool find_thread_record(const ModuleState& m, QuickEvent& event) {
@@ -322,6 +367,14 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
         return !event.is_ordinary && load(code_record(event).fIsInternal) != 0;
     }
 
+    static bool has_code_record(const LocalEvent& /*event*/) {
+        return true;
+    }
+
+    static bool check_code_record(const ModuleState& /*m*/, const LocalEvent& /*event*/) {
+        return true;
+    }
+
     static bool find_thread_record(const ModuleState& m, LocalEvent& event) {
         if constexpr (kIsLine) {
             event.slot_record = tss_cache::peek_slot_record();
@@ -401,23 +454,27 @@ Answer answer_internal(RoadState<Road>& m, const typename Road::RoadEvent& event
     return disable ? Answer::Disable : Answer::Skip;
 }
 
-/// Whether a LINE event may be filtered by the code object's breakpoints alone.
+/// Whether a LINE event may be filtered by the code object's breakpoints alone. So it may where there is no record of
+/// the code object, which looking at the line then complains of.
 template <class Road>
 XPY_ALWAYS_INLINE bool is_line_filter_on(const typename Road::RoadEvent& event) {
     const InitialCallbackData& callback = Road::callback(event);
     return are_clear<Road>(callback.fAnySuspendThread, callback.fSteppingEventsNeededEveryThread) &&
-           Road::load(Road::code_record(event).fSteppingEventsNeededCount) == 0;
+           (!Road::has_code_record(event) || Road::load(Road::code_record(event).fSteppingEventsNeededCount) == 0);
 }
 
 /// The last filter.
 template <class Road>
-XPY_ALWAYS_INLINE Answer decide_second(typename Road::RoadEvent& event, EventKind kind) {
+XPY_ALWAYS_INLINE Answer decide_second(RoadState<Road>& m, typename Road::RoadEvent& event, EventKind kind) {
     if (kind < EventKind::Line) {
         return Answer::Call;
     }
     const Step stepping = Road::is_stepping(event);
     if (stepping != Step::No) {
         return stepping == Step::Yes ? Answer::Call : Road::kStop;
+    }
+    if (!Road::check_code_record(m, event)) {
+        return Road::kStop;
     }
     const PerCodeObjectData& record = Road::code_record(event);
     if (Road::load(record.fSteppingEventsNeededCount) != 0) {
@@ -455,7 +512,7 @@ XPY_ALWAYS_INLINE Answer decide_by_thread(RoadState<Road>& m, typename Road::Roa
     if (XPY_UNLIKELY(Road::load(Road::callback(event).fAnySuspendThread) != 0) && !Road::suspend(m, event)) {
         return Road::kStop;
     }
-    return decide_second<Road>(event, Road::kind(m, event));
+    return decide_second<Road>(m, event, Road::kind(m, event));
 }
 
 /// The whole decision.
@@ -529,11 +586,16 @@ Answer _SkipDetermination(ModuleState& m, HeldEvent& event) {
 }
 
 Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event) {
-    return decide_second<CarefulRoad>(event, CarefulRoad::kind(m, event));
+    const EventKind kind = CarefulRoad::kind(m, event);
+    if (kind >= EventKind::Line && !CarefulRoad::check_thread_record(m, event)) {
+        return Answer::Failed;
+    }
+    return decide_second<CarefulRoad>(m, event, kind);
 }
 
 bool _SuspendIfNeeded(ModuleState& m, PyObject* per_thread) {
-    const PerThreadData* record = per_thread::checked_data(m, per_thread);
+    const PerThreadData* record =
+        record_with<PerThreadData>("fCheckSuspendLock", per_thread, per_thread::this_class(m), "CPerThread");
     const Ref check = record != nullptr ? load_field(per_thread, record->fCheckSuspendLock) : Ref();
     const int needed = check ? xpy.PyObject_IsTrue(check.get()) : -1;
     if (needed <= 0) {

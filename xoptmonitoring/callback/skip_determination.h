@@ -29,7 +29,8 @@ namespace initial_callback {
 /// Decides one event.
 Answer _SkipDetermination(ModuleState& m, HeldEvent& event);
 
-/// The last filter, on stepping, breakpoints and wanted returns: Skip, Call, or Failed with an exception set.
+/// The last filter, on stepping, breakpoints and wanted returns: Skip, Call, or Failed with an exception set. The two
+/// records may be anything; each is looked at when it is needed.
 Answer _SkipSecondCallback(ModuleState& m, HeldEvent& event);
 
 /// The same decision as far as it can be had without Python code, references and locks, where objects are plain: for

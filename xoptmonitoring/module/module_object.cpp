@@ -151,9 +151,31 @@ Ref create_module_type() {
     return bases ? Ref::steal(xpy.PyType_FromSpecWithBases(&spec, bases.get())) : Ref();
 }
 
+/// Whether the main interpreter runs. Code-extra slots are numbered by each interpreter on its own, while this module
+/// knows its own by their numbers, and what threads keep for themselves is the process's, too.
+bool is_main_interpreter() {
+    if (xpy.PyInterpreterState_Get == nullptr || xpy.PyInterpreterState_Main == nullptr) {
+        return true;  // before 3.9, where nothing is executed
+    }
+    return xpy.PyInterpreterState_Get() == xpy.PyInterpreterState_Main();
+}
+
+/// Raises what the interpreter itself raises in a subinterpreter that has a global lock of its own; it lets one that
+/// shares the main interpreter's pass.
+void refuse_subinterpreter(PyObject* spec) {
+    const Ref name = Ref::steal(xpy.PyObject_GetAttrString(spec, "name"));
+    if (name) {
+        xpy.PyErr_Format(xpy.PyExc_ImportError, "module %S does not support loading in subinterpreters", name.get());
+    }
+}
+
 }  // namespace
 
-PyObject* create_module(PyObject* /*spec*/, PyModuleDefBlock* /*definition*/) {
+PyObject* create_module(PyObject* spec, PyModuleDefBlock* /*definition*/) {
+    if (!is_main_interpreter()) {
+        refuse_subinterpreter(spec);
+        return nullptr;
+    }
     const Ref type = create_module_type();
     const Ref name = type ? Ref::steal(xpy.PyUnicode_FromString("xoptmonitoring")) : Ref();
     return name ? call(type.get(), name.get()).release() : nullptr;

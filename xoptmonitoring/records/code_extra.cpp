@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <pthread.h>
 #include <span>
 
 namespace {
@@ -16,6 +17,18 @@ constexpr Py_ssize_t kWordBits = 64;
 
 /// One bit per index that this module reserved, for the life of the process.
 std::uint64_t own_indexes[kMaxIndexes / kWordBits];
+
+/// Guards all slots of all code objects, and the reserving of them. There is one for all module objects, since they
+/// store in slots of the same code objects: the interpreter moves those to make room, and takes no lock of its own.
+PyMutex slots_mutex = {};
+
+/// By index, the class whose records lie there; borrowed and only ever compared with, since it may be gone.
+PyTypeObject* record_classes[kMaxIndexes];
+
+/// In a forked child nobody is left who could give the lock back.
+void forget_lock() {
+    slots_mutex = {};
+}
 
 void note_own_index(Py_ssize_t index) {
     __atomic_or_fetch(&own_indexes[index / kWordBits], std::uint64_t{1} << (index % kWordBits), __ATOMIC_RELAXED);
@@ -42,6 +55,11 @@ void drop_value(void* value) {
 }  // namespace
 
 Py_ssize_t request_code_extra_index() {
+    static bool survives_fork = false;
+    const NativeLock lock(slots_mutex);
+    if (is_free_threaded() && !survives_fork) {
+        survives_fork = pthread_atfork(nullptr, nullptr, forget_lock) == 0;
+    }
     const freefunc drop = is_free_threaded() ? drop_value : reinterpret_cast<freefunc>(xpy.Py_DecRef);
     const Py_ssize_t index = xpy.PyUnstable_Eval_RequestCodeExtraIndex(drop);
     if (index < 0 || index >= kMaxIndexes) {
@@ -49,6 +67,13 @@ Py_ssize_t request_code_extra_index() {
     }
     note_own_index(index);
     return index;
+}
+
+void note_record_class(Py_ssize_t index, PyTypeObject* record_class) {
+    if (is_own_code_extra_index(index)) {
+        const NativeLock lock(slots_mutex);
+        record_classes[index] = record_class;
+    }
 }
 
 Py_ssize_t plain::code_extras_offset = -1;
@@ -87,7 +112,7 @@ bool plain::learn_code_extras_offset(Py_ssize_t index) {
     const std::span<void*> words(reinterpret_cast<void**>(code.get()), count);
     std::array<void*, kMaxWords> before = {};
     std::copy(words.begin(), words.end(), before.begin());
-    if (!set_code_extra(code.get(), code.get(), index, none(), object_type, nullptr)) {
+    if (!set_code_extra(code.get(), index, none(), object_type, nullptr)) {
         return false;
     }
     const Py_ssize_t word = filled_word({before.data(), count}, words);
@@ -100,20 +125,28 @@ bool plain::learn_code_extras_offset(Py_ssize_t index) {
     return true;
 }
 
-CodeExtra get_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index) {
+CodeExtra get_code_extra(PyObject* code_object, Py_ssize_t index) {
     void* extra = nullptr;
     const bool own = is_own_code_extra_index(index);
-    const ObjectLock lock(guard);
+    const NativeLock lock(slots_mutex);
     if (xpy.PyUnstable_Code_GetExtra(code_object, own ? index : -1, &extra) < 0) {
         return {Ref(), true};
     }
     return {Ref::share(own ? static_cast<PyObject*>(extra) : nullptr), false};
 }
 
-bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, PyObject* value,
-                    PyTypeObject* record_class, bool* kept) {
+namespace {
+
+/// Whether `value`, from slot `index`, is a record of the class whose records lie there.
+bool is_record_at(Py_ssize_t index, PyObject* value) {
+    return record_classes[index] != nullptr && is_instance_of(value, record_classes[index]);
+}
+
+}  // namespace
+
+bool set_code_extra(PyObject* code_object, Py_ssize_t index, PyObject* value, PyTypeObject* record_class, bool* kept) {
     Ref old;  // dropped after the lock: the interpreter lets go of a replaced object at once
-    const ObjectLock lock(guard);
+    const NativeLock lock(slots_mutex);
     void* extra = nullptr;
     if (xpy.PyUnstable_Code_GetExtra(code_object, index, &extra) < 0) {
         return false;
@@ -123,7 +156,8 @@ bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, Py
         return false;
     }
     old = Ref::share(static_cast<PyObject*>(extra));
-    const bool replaces_record = old && old.get() != value && is_instance_of(old.get(), record_class);
+    const bool replaces = old && old.get() != value;
+    const bool replaces_record = replaces && is_instance_of(old.get(), record_class);
     if (kept != nullptr) {
         *kept = replaces_record;
         if (replaces_record) {
@@ -138,20 +172,15 @@ bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, Py
         return false;
     }
     static_cast<void>(owned.release());  // the slot's from now on
-    if (replaces_record && is_free_threaded()) {
-        // Another thread may be looking at the record without a lock. Nothing but a direct call of _Code_SetExtra()
-        // replaces one, so it can stay for good.
+    if (is_free_threaded() && (replaces_record || (replaces && is_record_at(index, old.get())))) {
+        // Another thread may be looking at the record without a lock; at that of another module object as well. Nothing
+        // but a direct call of _Code_SetExtra() replaces one, so it can stay for good.
         static_cast<void>(old.release());
     }
     return true;
 }
 
 namespace {
-
-/// The lock that guards all of the module's slots: that of the class whose records they hold.
-PyObject* slots_guard(ModuleState& m) {
-    return m.globals.CPerCodeObject;
-}
 
 Ref request_index(ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*args*/) {
     const Py_ssize_t index = request_code_extra_index();
@@ -161,8 +190,8 @@ Ref request_index(ModuleState& /*m*/, PyObject* /*self*/, const Argument* /*args
     return new_int(index);
 }
 
-Ref get_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
-    CodeExtra extra = get_code_extra(slots_guard(m), args[0].object, args[1].integer);
+Ref get_extra(ModuleState& /*m*/, PyObject* /*self*/, const Argument* args) {
+    CodeExtra extra = get_code_extra(args[0].object, args[1].integer);
     if (extra.failed) {
         return {};
     }
@@ -171,8 +200,8 @@ Ref get_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
 
 Ref set_extra(ModuleState& m, PyObject* /*self*/, const Argument* args) {
     PyTypeObject* record_class = defined_class(m.globals.CPerCodeObject, "CPerCodeObject");
-    const bool done = record_class != nullptr && set_code_extra(as_object(record_class), args[0].object,
-                                                                args[1].integer, args[2].object, record_class, nullptr);
+    const bool done = record_class != nullptr &&
+                      set_code_extra(args[0].object, args[1].integer, args[2].object, record_class, nullptr);
     return done ? new_none() : Ref();
 }
 

@@ -14,20 +14,22 @@ Py_ssize_t request_code_extra_index();
 /// Whether `index` is a slot that this module reserved.
 bool is_own_code_extra_index(Py_ssize_t index);
 
+/// Says whose records lie in slot `index`, which this module reserved.
+void note_record_class(Py_ssize_t index, PyTypeObject* record_class);
+
 /// What lies in slot `index` of `code_object`: empty with `failed` unset where there is nothing, or where the slot is
-/// not this module's; the interpreter's own error for what is no code object. The slot's owner may be replaced by
-/// another thread, so reading and taking the reference happen under the lock of `guard`.
+/// not this module's; the interpreter's own error for what is no code object. Another thread may replace what lies
+/// there, so reading and taking the reference happen under the lock of all slots.
 struct CodeExtra {
     Ref value;
     bool failed;
 };
-CodeExtra get_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index);
+CodeExtra get_code_extra(PyObject* code_object, Py_ssize_t index);
 
-/// Puts `value` into slot `index` of `code_object`; what was there is dropped after the lock of `guard`. `record_class`
-/// is that of the records which slots hold. Where `kept` is given and a record is there already, nothing is stored and
-/// `kept` says so. False with an exception set.
-bool set_code_extra(PyObject* guard, PyObject* code_object, Py_ssize_t index, PyObject* value,
-                    PyTypeObject* record_class, bool* kept);
+/// Puts `value` into slot `index` of `code_object`; what was there is dropped after the lock, unless it is a record that
+/// other threads may be looking at. `record_class` is that of the caller's records. Where `kept` is given and such a
+/// record is there already, nothing is stored and `kept` says so. False with an exception set.
+bool set_code_extra(PyObject* code_object, Py_ssize_t index, PyObject* value, PyTypeObject* record_class, bool* kept);
 
 /// Where a code object keeps its slots, for the fast road, which reads them without a call.
 namespace plain {

@@ -5,7 +5,7 @@
 // its code object weakly, so that it never keeps code alive. A record lives as long as its code object.
 //
 // Two threads can meet a new code object at once. The first record stored stays: the second store takes another look
-// under the class's lock, and the record that came too late leaves its per-file record again, unannounced.
+// under the lock of all slots, and the record that came too late leaves its per-file record again, unannounced.
 #include "xoptmonitoring/records/per_code_object.h"
 
 #include "xoptmonitoring/pathnames/pathname_functions.h"
@@ -104,15 +104,14 @@ Ref _GetExistingPerCodeObjectFromWeakref(ModuleState& m, PyTypeObject* cls, PyOb
     return registry ? checked_record(cls, dict_get(registry.get(), ref.get(), m.names.get)) : Ref();
 }
 
-/// Enters the record into the registry. `kept` tells that another record was there first.
+/// Enters the record, an instance of `cls`, into the registry. `kept` tells that another record was there first.
 bool store_record(ModuleState& m, PyTypeObject* cls, PyObject* code_object, PyObject* per_code_object, bool* kept) {
     *kept = false;
     const Py_ssize_t index = extra_index(cls);
     if (index != -1) {
-        return set_code_extra(as_object(cls), code_object, index, per_code_object, cls, kept);
+        return set_code_extra(code_object, index, per_code_object, cls, kept);
     }
-    Data* record = record_data<Data>(per_code_object, cls, "CPerCodeObject");
-    const Ref ref = record != nullptr ? load_field(per_code_object, record->fCodeObjectWeakRef) : Ref();
+    const Ref ref = load_field(per_code_object, data(per_code_object).fCodeObjectWeakRef);
     const Ref registry = ref ? load_class_slot(cls, &ClassData::_fPerCodeObjectDict) : Ref();
     const Ref winner = registry ? call_method(registry.get(), m.names.setdefault, ref.get(), per_code_object) : Ref();
     if (!winner || winner.get() == per_code_object) {
@@ -164,12 +163,16 @@ bool _RegisterPerCodeObject(ModuleState& m, PyObject* code_object, PyObject* per
     if (cls == nullptr) {
         return false;
     }
+    if (!is_instance_of(per_code_object, cls)) {
+        raise_expected("CPerCodeObject", per_code_object);  // once it was stored, no look-up would succeed any more
+        return false;
+    }
     bool kept = false;
     if (!store_record(m, cls, code_object, per_code_object, &kept)) {
         return false;
     }
     if (kept) {
-        return !is_instance_of(per_code_object, cls) || _DiscardFromPerFile(m, per_code_object);
+        return _DiscardFromPerFile(m, per_code_object);
     }
     const Ref callback = load_class_slot(cls, &ClassData::_fNewPerCodeObjectCreatedCallback);
     return callback && call_untraced(m, callback.get(), per_code_object);
@@ -456,7 +459,7 @@ bool is_in_slot(ModuleState& m, PyObject* code_object, PyObject* per_code_object
     if (index < 0 || cls != __atomic_load_n(&m.globals.CPerCodeObject, __ATOMIC_RELAXED)) {
         return false;
     }
-    const CodeExtra extra = get_code_extra(cls, code_object, index);
+    const CodeExtra extra = get_code_extra(code_object, index);
     if (extra.failed) {
         xpy.PyErr_Clear();
     }
@@ -472,7 +475,7 @@ Ref _GetExistingPerCodeObject(ModuleState& m, PyObject* code_object) {
     if (index == -1) {
         return _GetExistingPerCodeObjectFromWeakref(m, cls, code_object);
     }
-    CodeExtra extra = get_code_extra(as_object(cls), code_object, index);
+    CodeExtra extra = get_code_extra(code_object, index);
     if (extra.failed) {
         return {};
     }
@@ -488,7 +491,9 @@ Ref GetPerCodeObject(ModuleState& m, PyObject* code_object, bool create_missing,
         if (!create_missing) {
             return per_code_object;
         }
-        const Ref fresh = call(as_object(this_class(m)), code_object, frame);
+        PyTypeObject* cls = this_class(m);
+        // Python code may have replaced `__new__`, and then constructing gives whatever that returns.
+        const Ref fresh = cls != nullptr ? checked_record(cls, call(as_object(cls), code_object, frame)) : Ref();
         if (!fresh) {
             return {};
         }
@@ -588,6 +593,7 @@ Ref create(ModuleState& m) {
         local_state::create_key();
         local_state::begin_epoch();
     }
+    note_record_class(index, as_type(cls.get()));
     class_data_as<ClassData>(as_type(cls.get())).reserved_index = index;
     set_class_word(as_type(cls.get()), kExtraIndexField, index);
     store_class_slot(as_type(cls.get()), &ClassData::_fNewPerCodeObjectCreatedCallback, new_none());

@@ -3,7 +3,56 @@
 
 #include "xoptmonitoring/runtime/log_lines.h"
 
+#include <array>
+
 namespace {
+
+// The tracing level itself, which the interpreter changes when it is told to and never tells. Where the thread state
+// keeps it is learnt by watching the interpreter raise it: that needs no table, so it also works on a version that no
+// table knows yet.
+
+/// What is watched: the level lies near the beginning of a thread state, and all of them are larger than this.
+constexpr std::size_t kWatchedWords = 48;
+using Words = std::array<std::uint32_t, kWatchedWords>;
+
+Words words_of(PyThreadState* tstate) {
+    Words words{};
+    for (std::size_t word = 0; word < kWatchedWords; ++word) {
+        // Other threads write to some of them.
+        words[word] = __atomic_load_n(reinterpret_cast<const std::uint32_t*>(tstate) + word, __ATOMIC_RELAXED);
+    }
+    return words;
+}
+
+/// Which word follows the level of the calling thread; -1 where that is not clear.
+Py_ssize_t find_level(PyThreadState* tstate) {
+    const Words before = words_of(tstate);
+    xpy.PyThreadState_EnterTracing(tstate);
+    const Words raised = words_of(tstate);
+    xpy.PyThreadState_LeaveTracing(tstate);
+    const Words lowered = words_of(tstate);
+    Py_ssize_t found = -1;
+    for (std::size_t word = 0; word < kWatchedWords; ++word) {
+        if (raised[word] - before[word] == 1U && lowered[word] == before[word]) {
+            if (found != -1) {
+                return -1;
+            }
+            found = static_cast<Py_ssize_t>(word);
+        }
+    }
+    return found;
+}
+
+/// The tracing level of the calling thread; -1 where it cannot be had.
+std::int32_t tracing_level(PyThreadState* tstate) {
+    static Py_ssize_t known_word = -1;
+    Py_ssize_t word = __atomic_load_n(&known_word, __ATOMIC_RELAXED);
+    if (word == -1) {
+        word = find_level(tstate);
+        __atomic_store_n(&known_word, word, __ATOMIC_RELAXED);
+    }
+    return word != -1 ? reinterpret_cast<const std::int32_t*>(tstate)[word] : -1;
+}
 
 Ref tracing_line(ModuleState& m, Py_ssize_t count) {
     const Ref number = new_int(count);
@@ -54,13 +103,16 @@ bool change_level(ModuleState& m, Py_ssize_t count) {
     return repeat(support.get(), name, tstate.get(), count);
 }
 
-/// Lowers the level by one, and asks the interpreter directly where the support module lacks memory.
+/// Lowers the level by one, and asks the interpreter directly where the support module lacks memory, unless it had come
+/// to lower the level before: one that is lowered twice silences the thread as well.
 bool lower_level(ModuleState& m) {
+    PyThreadState* tstate = xpy.PyThreadState_Get();
+    const std::int32_t before = tracing_level(tstate);
     if (change_level(m, -1)) {
         return true;
     }
-    if (was_out_of_memory(m)) {
-        xpy.PyThreadState_LeaveTracing(xpy.PyThreadState_Get());
+    if (was_out_of_memory(m) && tracing_level(tstate) == before) {
+        xpy.PyThreadState_LeaveTracing(tstate);
     }
     return false;
 }

@@ -5,6 +5,13 @@ void raise_unset() {
     xpy.PyErr_SetString(xpy.PyExc_AttributeError, "Attribute error");
 }
 
+void raise_none_has_no(const char* name) {
+    const Ref found = Ref::steal(xpy.PyObject_GetAttrString(none(), name));
+    if (found) {
+        raise_unset();  // no interpreter gives None one of these names
+    }
+}
+
 void raise_final_already_set(const char* name, PyObject* owner) {
     xpy.PyErr_Format(xpy.PyExc_AttributeError, "The final attribute '%s' is already set: %R", name, owner);
 }

@@ -8,6 +8,9 @@
 /// Raises AttributeError "Attribute error": a field or global that holds nothing was read.
 XPY_COLD void raise_unset();
 
+/// Raises the AttributeError of reading the field `name` through None, in the interpreter's own words.
+XPY_COLD void raise_none_has_no(const char* name);
+
 /// Raises AttributeError "The final attribute '%s' is already set: %R" for the attribute `name` of `owner`.
 XPY_COLD void raise_final_already_set(const char* name, PyObject* owner);
 
