@@ -735,6 +735,18 @@ class BoundCallbackTest(EventTestCase):
                         self.assertEqual(bound(code, 4), "second" if wanted.get(after, True) else None)
                     self.assertEqual(bound(code, 3), "second" if wanted.get(after, True) or after == "LINE" else None)
 
+    def test_a_finalised_callable_has_nothing_to_answer_with(self):
+        """Anybody can call a finaliser; the entry for frequent events does not ask whether there is an instance."""
+        code, _ = self.known_code(3)
+        for name, event_id in EVENT_IDS.items():
+            with self.subTest(event=name):
+                bound = self.make_callback(event_id).Callback
+                for _ in range(2):
+                    self.assertIsNone(bound(code, 4))
+                bound.__del__()
+                for _ in range(2):
+                    self.assert_raises_text(AttributeError, "Attribute error", bound, code, 4)
+
     def test_a_line_event_without_a_line_has_the_line_none(self):
         code, record = self.known_code(3)
         bound = self.make_callback(xo.kPyLineEventId).Callback

@@ -395,6 +395,20 @@ class Teardown(XoTestCase):
             assert dead() is None and key() is None, (dead(), key())
         """)
 
+    def test_a_module_in_a_cycle_through_its_own_type_is_collected(self):
+        run_python("""
+            import gc, importlib, sys, weakref
+            from support import HostPackage
+            with HostPackage() as host, host.importable():
+                module = host.import_module()
+                type(module).me = module
+                dead = weakref.ref(module)
+                del module
+            gc.collect()
+            gc.collect()
+            assert dead() is None, dead()
+        """)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -670,6 +670,23 @@ class RecentCodeTest(DecisionTestCase):
         self.record.fIsInternal = False
 
     @for_each_event
+    def test_code_whose_pathname_is_still_to_be_settled_is_settled_and_passed_on(self, _):
+        """Whose code it is says nothing before that, and an event that may not be switched off is not to be lost."""
+        self.callback._fCanReturnDisable = False
+        other = make_code(SAMPLE)
+        record = CPerCodeObject.GetPerCodeObject(other)
+        self.assertIs(record.fUpdatePathnameNeeded, True)
+        self.assertEqual(self.raise_event(other, LINE_WITHOUT), "second")
+        self.assertIs(record.fUpdatePathnameNeeded, False)
+        self.second.calls.clear()
+
+        self.record.fUpdatePathnameNeeded, self.record.fEnabledBpLinenos = True, None
+        self.assert_called()
+        self.assertIs(self.record.fUpdatePathnameNeeded, False)
+        self.record.fEnabledBpLinenos = {LINE_WITH_BREAKPOINT}
+        self.assert_skipped()
+
+    @for_each_event
     def test_another_process_is_skipped_whatever_is_wanted(self, _):
         def in_child():
             self.assert_skipped()
