@@ -680,11 +680,9 @@ class RecentCodeTest(DecisionTestCase):
         self.assertIs(record.fUpdatePathnameNeeded, False)
         self.second.calls.clear()
 
-        self.record.fUpdatePathnameNeeded, self.record.fEnabledBpLinenos = True, None
-        self.assert_called()
-        self.assertIs(self.record.fUpdatePathnameNeeded, False)
-        self.record.fEnabledBpLinenos = {LINE_WITH_BREAKPOINT}
+        self.record.fUpdatePathnameNeeded = True
         self.assert_skipped()
+        self.assertIs(self.record.fUpdatePathnameNeeded, False)
 
     @for_each_event
     def test_another_process_is_skipped_whatever_is_wanted(self, _):
