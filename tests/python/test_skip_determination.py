@@ -627,6 +627,32 @@ class RecentCodeTest(DecisionTestCase):
                 self.assertIsNone(replaced())
         self.assertEqual(alive, [True] * 6)
 
+    def test_an_error_of_a_comparison_that_does_not_come_again_is_forgotten(self):
+        """The line is looked up once more after an error, and what that says is the answer."""
+        class Failing:
+            """Stands in the set in the place of the line; fails where it is compared the first time."""
+
+            fails = True
+
+            def __hash__(self):
+                return hash(LINE_WITHOUT)
+
+            def __eq__(self, other):
+                if self.fails:
+                    self.fails = False
+                    raise NastyError("once")
+                return False
+
+        self.meet(xo.kPyLineEventId)
+        self.callback.fAnySuspendThread = False
+        breakpoint = Failing()
+        self.record.fEnabledBpLinenos = {breakpoint}
+        for _ in range(3):
+            breakpoint.fails = True
+            self.raise_event(self.code, LINE_WITHOUT)
+            self.assert_skipped()
+        self.log.calls.clear(), self.log.exceptions.clear()  # a road on which the line is looked up once tells it
+
     def test_a_first_stage_that_is_finalised_from_a_comparison_lives_until_the_end_of_its_call(self):
         """Its callable has stood in the place of the breakpoints as well, and been taken away from there."""
         record = self.record
