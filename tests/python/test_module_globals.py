@@ -339,7 +339,8 @@ class Teardown(XoTestCase):
             calls = [(xo.get_canonical_pathname, ("/a.py",)), (xo.lookup_canonical_pathname, ("/a.py",)),
                      (xo.register_canonical_pathname, ("/a.py",)), (xo.get_checksum_callback, ()),
                      (xo.set_checksum_callback, (None,)), (xo._get_checksum_for_pathname, ("/a.py",)),
-                     (xo.IsInternalPathname, ("/a.py",))]
+                     (xo.IsInternalPathname, ("/a.py",)), (xo.dprintf, (xo.kLogCore, "text"))]
+            assert xo.get_dprintf_mask() == 0  # no line would be written in any case
             xo.__del__()
             for function, args in calls:
                 try:

@@ -749,6 +749,18 @@ class RecentCodeTest(DecisionTestCase):
         self.assert_skipped()
 
     @for_each_event
+    def test_a_record_is_looked_for_where_records_have_come_to_lie(self, _):
+        index = CPerCodeObject._fCodeObjectExtraIndex
+        CPerCodeObject._fCodeObjectExtraIndex = -1
+        self.assert_called()
+        other = CPerCodeObject.GetPerCodeObject(self.code, False)
+        self.assertIsNot(other, self.record)
+        other.fEnabledBpLinenos = {LINE_WITHOUT, LINE_WITH_BREAKPOINT}
+        CPerCodeObject._fCodeObjectExtraIndex = index
+        self.assert_skipped()
+        CPerCodeObject._fPerCodeObjectDict.clear()
+
+    @for_each_event
     def test_a_thread_whose_record_was_discarded_gets_another(self, _):
         CPerThread._DiscardPerThread(threading.get_ident())
         self.assert_skipped()
