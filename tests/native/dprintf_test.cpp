@@ -495,6 +495,22 @@ TEST_F(ExceptionLog, leaves_the_very_exception_pending) {
     Ref::steal(traceback) = Ref();
 }
 
+TEST_F(ExceptionLog, keeps_nothing_of_what_it_wrote) {
+    run("import gc, weakref\n"
+        "class Local(object): pass\n"
+        "def fail_with_a_local():\n"
+        "    global seen\n"
+        "    local = Local()\n"
+        "    seen = weakref.ref(local)\n"
+        "    raise KeyError('lost')\n");
+    const Ref function = eval("fail_with_a_local");
+    EXPECT_EQ(xpy.PyObject_CallObject(function.get(), nullptr), nullptr);
+    do_dlogexception();
+    EXPECT_EQ(take_exception(), "KeyError: 'lost'");
+    run("gc.collect()");
+    EXPECT_EQ(eval_text("repr(seen())"), "None") << "the traceback, or what it leads to, is still held";
+}
+
 TEST_F(ExceptionLog, leaves_an_exception_whose_making_fails_as_it_was) {
     run("class Unmakeable(Exception):\n"
         "    def __init__(self, *args): raise TypeError('cannot be made')\n");

@@ -551,6 +551,15 @@ class ExtraSlotFunctionTest(XoTestCase):
         self.assertEqual(sys.getrefcount(value), before)
         self.assertIsNone(xo._Code_GetExtra(code, self.index))
 
+    def test_storing_another_record_drops_the_one_before_where_nobody_can_be_reading_it(self):
+        """Without a global lock another thread may be looking at the record, which therefore stays."""
+        code = make_code("/a.py")
+        first, second = CPerCodeObject(code, None), CPerCodeObject(make_code("/a.py"), None)
+        before = sys.getrefcount(first)
+        xo._Code_SetExtra(code, CPerCodeObject._fCodeObjectExtraIndex, second)
+        self.assertIs(CPerCodeObject.GetPerCodeObject(code, False), second)
+        self.assertEqual(sys.getrefcount(first), before - (0 if is_free_threaded() else 1))
+
     def test_the_end_of_the_object_before_finds_the_new_one_in_the_slot(self):
         class Ending:
             def __del__(self):

@@ -735,6 +735,48 @@ class BoundCallbackTest(EventTestCase):
                         self.assertEqual(bound(code, 4), "second" if wanted.get(after, True) else None)
                     self.assertEqual(bound(code, 3), "second" if wanted.get(after, True) or after == "LINE" else None)
 
+    def test_an_event_id_set_by_an_initialisation_that_is_refused_counts_as_well(self):
+        code, record = self.known_code(3)
+        record.fReturnEventsNeededCount = 1
+        callback = self.make_callback(xo.kPyReturnEventId)
+        bound = callback.Callback
+        for _ in range(2):
+            self.assertEqual(bound(code, 4), "second")
+        with self.assertRaises(AttributeError):
+            callback.__init__(xo.kPyLineEventId, Recorder(), False)
+        for _ in range(2):
+            self.assertIsNone(bound(code, 4))
+            self.assertEqual(bound(code, 3), "second")
+
+    def test_attributes_that_the_callable_lacks_are_its_functions(self):
+        bound, function = self.make_callback(xo.kPyLineEventId).Callback, CInitialCallback.Callback
+        for name in ("__name__", "__qualname__", "__text_signature__"):
+            self.assertEqual(getattr(bound, name), getattr(function, name))
+        self.assertRaises(AttributeError, getattr, bound, "no_such_name")
+
+    def test_callables_are_equal_where_their_instances_are_the_same(self):
+        one, other = self.make_callback(xo.kPyLineEventId), self.make_callback(xo.kPyLineEventId)
+        self.assertIs(one.Callback == one.Callback, True)
+        self.assertIs(one.Callback != one.Callback, False)
+        self.assertIs(one.Callback == other.Callback, False)
+        self.assertIs(one.Callback != other.Callback, True)
+        self.assertNotEqual(one.Callback, CInitialCallback.Callback)
+        self.assertEqual(hash(one.Callback), hash(one.Callback))
+        with self.assertRaises(TypeError):
+            one.Callback < one.Callback
+
+    def test_a_finalised_callable_has_nothing_to_answer_with(self):
+        """Anybody can call a finaliser; the entry for frequent events does not ask whether there is an instance."""
+        code, _ = self.known_code(3)
+        for name, event_id in EVENT_IDS.items():
+            with self.subTest(event=name):
+                bound = self.make_callback(event_id).Callback
+                for _ in range(2):
+                    self.assertIsNone(bound(code, 4))
+                bound.__del__()
+                for _ in range(2):
+                    self.assert_raises_text(AttributeError, "Attribute error", bound, code, 4)
+
     def test_a_line_event_without_a_line_has_the_line_none(self):
         code, record = self.known_code(3)
         bound = self.make_callback(xo.kPyLineEventId).Callback

@@ -339,7 +339,8 @@ class Teardown(XoTestCase):
             calls = [(xo.get_canonical_pathname, ("/a.py",)), (xo.lookup_canonical_pathname, ("/a.py",)),
                      (xo.register_canonical_pathname, ("/a.py",)), (xo.get_checksum_callback, ()),
                      (xo.set_checksum_callback, (None,)), (xo._get_checksum_for_pathname, ("/a.py",)),
-                     (xo.IsInternalPathname, ("/a.py",))]
+                     (xo.IsInternalPathname, ("/a.py",)), (xo.dprintf, (xo.kLogCore, "text"))]
+            assert xo.get_dprintf_mask() == 0  # no line would be written in any case
             xo.__del__()
             for function, args in calls:
                 try:
@@ -393,6 +394,20 @@ class Teardown(XoTestCase):
             gc.collect()
             gc.collect()
             assert dead() is None and key() is None, (dead(), key())
+        """)
+
+    def test_a_module_in_a_cycle_through_its_own_type_is_collected(self):
+        run_python("""
+            import gc, importlib, sys, weakref
+            from support import HostPackage
+            with HostPackage() as host, host.importable():
+                module = host.import_module()
+                type(module).me = module
+                dead = weakref.ref(module)
+                del module
+            gc.collect()
+            gc.collect()
+            assert dead() is None, dead()
         """)
 
 

@@ -321,6 +321,25 @@ class Subclasses(XoTestCase):
         record.fDebugPolicy = 3
         self.assertEqual((record.own, record.fStopFrame, record.fDebugPolicy), (1, 2, 3))
 
+    def test_a_finaliser_can_come_with_a_subclass_and_cannot_be_put_into_a_class(self):
+        """It would take the place of the native one, without which borrowed pointers outlive an object."""
+        refusal = "cannot set attribute '__del__' of a class of this module"
+        for path in interface.CLASSES:
+            with self.subTest(path):
+                cls = interface.find_class(xo, path)
+                native = cls.__del__
+                self.assert_raises_text(TypeError, refusal, setattr, cls, "__del__", lambda self: None)
+                self.assert_raises_text(TypeError, refusal, delattr, cls, "__del__")
+                self.assertIs(cls.__del__, native)
+
+                ended = []
+                sub = type("Sub", (cls,), {"__del__": lambda self: ended.append(type(self))})
+                self.assert_raises_text(TypeError, refusal, setattr, sub, "__del__", lambda self: None)
+                instance = sub.__new__(sub)
+                del instance
+                gc.collect()
+                self.assertEqual(ended, [sub])
+
     def test_two_classes_of_the_module_cannot_be_bases_together(self):
         with self.assertRaises(TypeError):
             type("Both", (xo.CPerFile, xo.CPerThread), {})

@@ -5,7 +5,7 @@ import threading
 import unittest
 import weakref
 
-from support import NastyError, Recorder, RecordingWriter, XoTestCase, raising, xo
+from support import NastyError, Recorder, RecordingWriter, XoTestCase, raising, run_python, xo
 
 CPerFile = xo.CPerFile
 
@@ -36,6 +36,20 @@ class FindingTest(PerFileTestCase):
         self.assertIsNone(CPerFile.GetPerFile("/a.py", False))
         self.assertEqual(CPerFile._fPerFileDict, {})
         self.assertEqual(created.calls, [])
+
+    def test_what_making_a_record_gave_is_looked_at(self):
+        run_python("""
+            from vorntracer import xoptmonitoring as xo
+            xo.CPerFile.SetNewPerFileCreatedCallback(print)
+            xo.CPerFile.__new__ = lambda cls, pathname: 5
+            try:
+                xo.CPerFile.GetPerFile("/a.py")
+            except TypeError as error:
+                assert str(error) == "expected CPerFile | None, got 5", error
+            else:
+                raise AssertionError("a record that is none was handed out")
+            assert xo.CPerFile._fPerFileDict == {}, xo.CPerFile._fPerFileDict
+        """)
 
     def test_the_first_request_makes_the_record_and_announces_it_once(self):
         created = Recorder()

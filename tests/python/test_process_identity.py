@@ -55,6 +55,25 @@ class ForkedChildTest(XoTestCase):
         self.assertEqual(in_child, [in_child[0], in_child[0], parent])
         self.assertEqual((xo._GetPid(), xo._gThisProcessPid), (parent, parent))
 
+    def test_an_update_that_fails_leaves_the_child_silent(self):
+        class Failing:
+            release = None
+
+            def acquire(self, *_args):
+                raise OSError("no lock")
+
+        def run():
+            lock, CPerThread._fRegistryLock = CPerThread._fRegistryLock, Failing()
+            try:
+                xo.UpdateThisProcessPid()
+            except OSError as error:
+                outcome = [str(error), xo._gThisProcessPid == os.getpid()]
+            CPerThread._fRegistryLock = lock
+            xo.UpdateThisProcessPid()
+            return outcome + [xo._gThisProcessPid == os.getpid()]
+
+        self.assertEqual(in_forked_child(run), ["no lock", False, True])
+
     def test_updating_makes_the_child_the_process_that_is_worked_for(self):
         def run():
             xo.UpdateThisProcessPid()

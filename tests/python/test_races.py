@@ -644,6 +644,33 @@ class Events(ShakingTestCase):
         gc.collect()
         self.assertEqual(next(died), next(made))
 
+    def test_callables_are_made_compared_and_finalised_while_their_event_changes(self):
+        code, _ = self.known_code(3)
+        first_stage, other = self.make_callback(xo.kPyLineEventId), self.make_callback(xo.kPyLineEventId)
+        callables, event_ids = [first_stage.Callback], Turns(EVENT_IDS.values())
+
+        def change_the_event():
+            first_stage._fEventId = next(event_ids)
+
+        def make():
+            callables[0] = first_stage.Callback
+
+        def compare():
+            found = callables[0]
+            self.assertFalse(found == other.Callback)
+            self.assertIn(hash(found), (hash(first_stage.Callback), 0))  # 0 once it has no instance
+
+        def finalise():
+            callables[0].__del__()
+
+        def call():
+            try:
+                self.assertIsNone(callables[0](code, 4))
+            except AttributeError:
+                pass  # there was nothing left to answer with
+
+        shake(change_the_event, make, compare, finalise, call, call)
+
     def test_callbacks_for_new_records_are_replaced_while_records_are_made(self):
         recorders = [Recorder(), Recorder(), None]
         callbacks = Turns(recorders)

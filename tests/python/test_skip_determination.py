@@ -646,6 +646,32 @@ class RecentCodeTest(DecisionTestCase):
                 self.assertIsNone(replaced())
         self.assertEqual(alive, [True] * 6)
 
+    def test_an_error_of_a_comparison_that_does_not_come_again_is_forgotten(self):
+        """The line is looked up once more after an error, and what that says is the answer."""
+        class Failing:
+            """Stands in the set in the place of the line; fails where it is compared the first time."""
+
+            fails = True
+
+            def __hash__(self):
+                return hash(LINE_WITHOUT)
+
+            def __eq__(self, other):
+                if self.fails:
+                    self.fails = False
+                    raise NastyError("once")
+                return False
+
+        self.meet(xo.kPyLineEventId)
+        self.callback.fAnySuspendThread = False
+        breakpoint = Failing()
+        self.record.fEnabledBpLinenos = {breakpoint}
+        for _ in range(3):
+            breakpoint.fails = True
+            self.raise_event(self.code, LINE_WITHOUT)
+            self.assert_skipped()
+        self.log.calls.clear(), self.log.exceptions.clear()  # a road on which the line is looked up once tells it
+
     def test_a_first_stage_that_is_finalised_from_a_comparison_lives_until_the_end_of_its_call(self):
         """Its callable has stood in the place of the breakpoints as well, and been taken away from there."""
         record = self.record
@@ -689,6 +715,21 @@ class RecentCodeTest(DecisionTestCase):
         self.record.fIsInternal = False
 
     @for_each_event
+    def test_code_whose_pathname_is_still_to_be_settled_is_settled_and_passed_on(self, _):
+        """Whose code it is says nothing before that, and an event that may not be switched off is not to be lost."""
+        self.callback._fCanReturnDisable = False
+        other = make_code(SAMPLE)
+        record = CPerCodeObject.GetPerCodeObject(other)
+        self.assertIs(record.fUpdatePathnameNeeded, True)
+        self.assertEqual(self.raise_event(other, LINE_WITHOUT), "second")
+        self.assertIs(record.fUpdatePathnameNeeded, False)
+        self.second.calls.clear()
+
+        self.record.fUpdatePathnameNeeded = True
+        self.assert_skipped()
+        self.assertIs(self.record.fUpdatePathnameNeeded, False)
+
+    @for_each_event
     def test_another_process_is_skipped_whatever_is_wanted(self, _):
         def in_child():
             self.assert_skipped()
@@ -725,6 +766,18 @@ class RecentCodeTest(DecisionTestCase):
             self.assert_called()
         xo._Code_SetExtra(self.code, other_index, self.record)
         self.assert_skipped()
+
+    @for_each_event
+    def test_a_record_is_looked_for_where_records_have_come_to_lie(self, _):
+        index = CPerCodeObject._fCodeObjectExtraIndex
+        CPerCodeObject._fCodeObjectExtraIndex = -1
+        self.assert_called()
+        other = CPerCodeObject.GetPerCodeObject(self.code, False)
+        self.assertIsNot(other, self.record)
+        other.fEnabledBpLinenos = {LINE_WITHOUT, LINE_WITH_BREAKPOINT}
+        CPerCodeObject._fCodeObjectExtraIndex = index
+        self.assert_skipped()
+        CPerCodeObject._fPerCodeObjectDict.clear()
 
     @for_each_event
     def test_a_thread_whose_record_was_discarded_gets_another(self, _):

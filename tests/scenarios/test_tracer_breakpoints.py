@@ -270,6 +270,25 @@ class WhenABreakpointTakesEffect(BreakpointCase):
         self.assertEqual(self.local_events(code), sys.monitoring.events.LINE)
         self.assertEqual(registered.fKnownPerCodeObjects, {xo.CPerCodeObject.GetPerCodeObject(code)})
 
+    def test_a_code_objects_record_that_was_made_twice_is_not_kept_by_its_files_new_record(self):
+        """The thread that made the one too many takes it out of its file again, but looks for it in the new place."""
+        self.program.load()
+        self.tracer.start()
+        code = self.program.total.__code__
+        records = []
+
+        def meet_twice():
+            records.append(xo.CPerCodeObject.GetPerCodeObject(code))
+            records.append(xo.CPerCodeObject(code, None))
+            records[1]._AddToPerFile()  # as it is until its thread comes to know that it was made twice
+
+        registered = self.replace_the_files_record(meet_twice)
+        records[1]._DiscardFromPerFile()
+        self.set_breakpoint("add")
+        self.assertEqual(registered.fKnownPerCodeObjects, {records[0]})
+        self.program.total([1])
+        self.assertEqual(self.stopped_lines(), ["add"])
+
     def test_one_set_in_code_that_is_known_stops_at_its_next_run(self):
         self.tracer.start()
         self.program.load().total([1])

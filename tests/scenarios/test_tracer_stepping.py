@@ -6,6 +6,7 @@ import threading
 import unittest
 
 from scenario import Command, Commander, ScenarioCase, Tracer, xo
+from support import RecordingWriter
 
 INTO, OVER, OUT = Command.STEP_INTO, Command.STEP_OVER, Command.STEP_OUT
 ON_RETURN = Command.STOP_ON_RETURN
@@ -78,6 +79,12 @@ def patient():
 async def awaiting():
     value = await asyncio.sleep(0, 5)       #: await
     return value                            #: awaited
+
+def looping(count):
+    total = 0                               #: loop start
+    for number in range(count):
+        total += number
+    return total
 
 def shared(barrier):
     barrier.wait()
@@ -385,6 +392,36 @@ class WhatAStepLeavesBehind(SteppingCase):
         self.tracer.clear_breakpoint(breakpoint)
         self.assertEqual((self.events_of(self.program.outer), self.events_of(self.program.inner)), (0, 0))
         self.assertEqual(sys.monitoring.get_events(Tracer.tool_id), events.PY_START | events.PY_RESUME)
+
+    def events_of_a_run(self, function, *arguments):
+        """How often the first stage is called for the function's code while it runs."""
+        writer = RecordingWriter()
+        xo.set_dprintf_file(writer, -1, None)
+        xo.set_dprintf_mask(xo.kLogInitialMonitoringCallbacks)
+        try:
+            function(*arguments)
+        finally:
+            xo.set_dprintf_mask(0)
+            xo.set_dprintf_file(None, -1, None)
+        return sum(repr(function.__code__) in text for text in writer.texts)
+
+    def assert_places_are_switched_off(self):
+        """All but the start of the loop, where there is a breakpoint, and the start of the function that has it."""
+        self.events_of_a_run(self.program.looping, 3)
+        self.assertLessEqual(self.events_of_a_run(self.program.looping, 100), 2)
+
+    def test_places_are_switched_off_again_once_a_step_into_has_ended(self):
+        is_due = []
+        self.break_at("loop start", lambda frame: False)
+        self.break_at("inner start", lambda frame: is_due.pop() if is_due else False)
+        self.assert_places_are_switched_off()
+        for commands in ([INTO], [INTO, INTO], [INTO, OVER], [INTO, OUT], [INTO, ON_RETURN]):
+            with self.subTest(commands=commands):
+                self.stops(*commands)
+                is_due.append(True)
+                self.program.inner(3)
+                self.assertEqual((len(self.commander.take_log()), self.commander.commands), (len(commands) + 1, []))
+                self.assert_places_are_switched_off()
 
     def test_awaiting_a_return_switches_no_line_events_on(self):
         events = sys.monitoring.events

@@ -1,5 +1,6 @@
 """Many threads under the tracer: holding and releasing them, their stops, their names and their ends."""
 
+import signal
 import sys
 import threading
 import time
@@ -87,6 +88,65 @@ class ThreadsCase(ScenarioCase):
         before = [state.count for state in states]
         time.sleep(0.05)
         return [state.count for state in states] == before
+
+
+class Interrupted(ThreadsCase):
+    """A thread that waits for another one, which the debugger keeps busy, and is interrupted.
+
+    Whoever meets new code waits as well. So what runs meanwhile is native code, or has run before.
+    """
+
+    def keep_the_tracer_busy(self, tracer, going_on):
+        """Has every other change of the tracer wait while the lock is held; returns the thread that makes one.
+
+        It sets a breakpoint, for which a checksum of the file is asked for, and that takes its time.
+        """
+        asked = threading.Lock()
+        asked.acquire()
+
+        def answer_slowly(pathname):
+            xo.set_checksum_callback(None)
+            asked.release()
+            going_on.acquire(timeout=30)
+            going_on.release()
+            return None
+
+        xo.set_checksum_callback(answer_slowly)
+        file = self.write_file(self.make_dir(), "other.py")
+        thread = self.start_thread(tracer.set_breakpoint, file, 1)
+        self.assertTrue(asked.acquire(timeout=30))
+        return thread
+
+    def interrupt(self, function, *args):
+        """Calls, and has what Ctrl-C raises come a moment later; returns whether it came in time."""
+        try:
+            signal.setitimer(signal.ITIMER_REAL, 0.1)
+            function(*args)
+        except KeyboardInterrupt:
+            return True
+        finally:
+            signal.setitimer(signal.ITIMER_REAL, 0)
+        return False
+
+    def test_a_thread_interrupted_while_it_waits_for_another_goes_on_raising_events(self):
+        self.addCleanup(signal.signal, signal.SIGALRM, signal.signal(signal.SIGALRM, signal.default_int_handler))
+        tracer, lineno = self.start_tracer(), self.program.line("once")
+        going_on = threading.Lock()
+        self.join_all([self.keep_the_tracer_busy(tracer, going_on)])
+        self.assertTrue(self.interrupt(time.sleep, 30))
+
+        going_on.acquire()
+        busy = self.keep_the_tracer_busy(tracer, going_on)
+        for change in ((tracer.breakpoints,), (tracer.set_breakpoint, self.program.pathname, lineno),
+                       (tracer.hold_others,), (tracer.release_others,), (tracer.stop,), (tracer.reset,)):
+            self.assertTrue(self.interrupt(*change))
+        going_on.release()
+        self.join_all([busy])
+        self.assertEqual(len(tracer.breakpoints()), 2)
+        self.break_at(tracer, "once")
+        for run in (lambda: self.program.once([]), lambda: self.join_all([self.start_thread(self.program.once, [])])):
+            run()
+            self.assertEqual([line for _, line, _ in self.commander.take_log()], ["once"])
 
 
 class HoldingThreads(ThreadsCase):

@@ -37,6 +37,17 @@ BoundCallbackData& data(PyObject* bound) {
     return instance_data_as<BoundCallbackData>(bound);
 }
 
+/// What a field holds now, to be compared, or used where something else keeps it: without a global lock another thread
+/// may be finalising the callable.
+PyObject* look_at(PyObject* const& field) {
+    return __atomic_load_n(&field, __ATOMIC_ACQUIRE);
+}
+
+/// Gives a callable another entry, which the interpreter may be reading on another thread.
+void set_entry(PyObject* bound, vectorcallfunc entry) {
+    __atomic_store_n(&data(bound).vectorcall, entry, __ATOMIC_RELEASE);
+}
+
 /// The interpreter's entry where the fast road cannot answer, and everybody else's. The interpreter holds no reference
 /// to `bound` during the call, so nothing of it is read once the event is on its way.
 PyObject* call_bound(PyObject* bound, PyObject* const* args, std::size_t nargsf, PyObject* kwnames) {
@@ -45,12 +56,13 @@ PyObject* call_bound(PyObject* bound, PyObject* const* args, std::size_t nargsf,
     if ((nargs == 0 || kwnames != nullptr) && !bind_callback_arguments(args, &nargs, kwnames)) {
         return nullptr;
     }
-    ModuleState* m = callback.__self__ != nullptr ? callback.class_record->m : nullptr;
+    PyObject* self = look_at(callback.__self__);
+    ModuleState* m = self != nullptr ? state_of(*callback.class_record) : nullptr;
     if (m == nullptr) {
         raise_unset();
         return nullptr;
     }
-    return initial_callback::Callback(*m, callback.__self__, args, nargs);
+    return initial_callback::Callback(*m, self, args, nargs);
 }
 
 /// The interpreter's entry for LINE events where the fast road is open: nearly every such event ends here. A set of
@@ -119,8 +131,8 @@ template <bool kIsLine>
     // The note keeps the instance, and not the callable: that is not read again.
     const auto& callback = shared::data<BoundCallbackData>(bound);
     const ClassRecord* class_record = callback.class_record;
-    PyObject* self = __atomic_load_n(&callback.__self__, __ATOMIC_ACQUIRE);
-    ModuleState* m = self != nullptr ? class_record->m : nullptr;
+    PyObject* self = look_at(callback.__self__);
+    ModuleState* m = self != nullptr ? state_of(*class_record) : nullptr;
     bool is_skipped = false;
     if (XPY_LIKELY(m != nullptr)) {
         const auto& first_stage = shared::data<InitialCallbackData>(self);
@@ -168,7 +180,8 @@ PyObject* call_locally_for_call(PyObject* bound, PyObject* const* args, std::siz
 
 /// The entry that suits the event that an instance serves now. Each entry works for every event.
 vectorcallfunc entry_for(const ModuleState& m, PyObject* self) {
-    const EventKind kind = kind_of(m.globals, instance_data_as<InitialCallbackData>(self)._fEventId);
+    const auto& first_stage = instance_data_as<InitialCallbackData>(self);
+    const EventKind kind = kind_of(m.globals, __atomic_load_n(&first_stage._fEventId, __ATOMIC_SEQ_CST));
     if (kind < EventKind::Line || !(plain::is_fast_road_open() || shared::objects)) {
         return call_bound;
     }
@@ -202,13 +215,14 @@ PyObject* compare_bound(PyObject* left, PyObject* right, int operation) {
     if (!comparable) {
         return Ref::share(xpy._Py_NotImplementedStruct).release();
     }
-    const bool equal = data(left).__self__ == data(right).__self__ && data(left).function == data(right).function;
+    const bool equal = look_at(data(left).__self__) == look_at(data(right).__self__) &&
+                       look_at(data(left).function) == look_at(data(right).function);
     return new_bool(equal == (operation == Py_EQ)).release();
 }
 
 Py_hash_t hash_bound(PyObject* bound) {
     // Objects are aligned, so the low bits say nothing; -1 is the interpreter's word for failure.
-    const auto address = reinterpret_cast<std::uintptr_t>(data(bound).__self__);
+    const auto address = reinterpret_cast<std::uintptr_t>(look_at(data(bound).__self__));
     const auto hash = static_cast<Py_hash_t>(address >> 4U);
     return hash == -1 ? -2 : hash;
 }
@@ -223,7 +237,7 @@ int traverse(PyObject* bound, visitproc visit, void* arg) {
 }
 
 int clear(PyObject* bound) {
-    data(bound).vectorcall = call_bound;  // the others do not ask whether there is an instance
+    set_entry(bound, call_bound);  // the others do not ask whether there is an instance
     clear_members(instance_data(bound), kFields);
     return 0;
 }
@@ -238,7 +252,7 @@ void finalize(PyObject* bound) {
     if (instance) {
         local_state::keep_for_borrowers(&CallInProgress::callable, bound, instance.get());
     }
-    data(bound).vectorcall = call_bound;
+    set_entry(bound, call_bound);
     finalize_members(bound, object_type, instance_data(bound), kFields,
                      "Exception ignored in _XNotPy_ManagedStruct tp_finalize");
 }

@@ -107,7 +107,7 @@ Ref existing_record(ModuleState& m, PyObject* code_object) {
 }
 
 bool is_settled(PyObject* per_code_object) {
-    return __atomic_load_n(&per_code_object::data(per_code_object).fUpdatePathnameNeeded, __ATOMIC_RELAXED) == 0;
+    return __atomic_load_n(&per_code_object::data(per_code_object).fUpdatePathnameNeeded, __ATOMIC_ACQUIRE) == 0;
 }
 
 /// Makes the record of a code object, or settles one made without a frame, with the monitored frame.

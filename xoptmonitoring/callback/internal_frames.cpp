@@ -79,7 +79,7 @@ int IsInternalFrame(ModuleState& m, PyObject* f) {
         return -1;
     }
     if (record.get() != none()) {
-        return __atomic_load_n(&per_code_object::data(record.get()).fIsInternal, __ATOMIC_RELAXED) != 0 ? 1 : 0;
+        return __atomic_load_n(&per_code_object::data(record.get()).fIsInternal, __ATOMIC_ACQUIRE) != 0 ? 1 : 0;
     }
     const Ref canonical_pathname = per_code_object::_GetPathnameToUse(m, code.get(), f, true);
     return canonical_pathname ? IsInternalPathname(m, canonical_pathname.get()) : -1;

@@ -79,17 +79,14 @@ const Data* record_with(const char* field, PyObject* object, PyTypeObject* cls, 
     return record_data<Data>(object, cls, name);
 }
 
-/// What is common to the roads on which the tracer may be changing flags, counts and policies on another thread.
+/// What is common to the roads on which the tracer may be changing flags, counts and policies on another thread. They
+/// read in the order of the decision: a thread that finds the count of steps taken back must not go on to find the
+/// breakpoints of before that, and one that finds that some thread is to be held finds out whether it is the one.
 template <class Road>
 struct SharedRoad {
-    template <class Word>
-    static Word load(const Word& word) {
-        return __atomic_load_n(&word, __ATOMIC_RELAXED);
-    }
-
     template <class RoadEvent>
     static bool is_internal(const RoadEvent& event) {
-        return load(Road::code_record(event).fIsInternal) != 0;
+        return Road::load(Road::code_record(event).fIsInternal) != 0;
     }
 };
 
@@ -99,6 +96,12 @@ struct CarefulRoad : SharedRoad<CarefulRoad> {
     static constexpr Answer kStop = Answer::Failed;
     /// The field of the code object's record that is read first.
     static constexpr const char* kFirstOfCodeRecord = "fSteppingEventsNeededCount";
+
+    /// Whatever is read later, under a lock or not, is read after this word.
+    template <class Word>
+    static Word load(const Word& word) {
+        return __atomic_load_n(&word, __ATOMIC_ACQUIRE);
+    }
 
     static const InitialCallbackData& callback(const HeldEvent& event) {
         return data(event.self.get());
@@ -327,9 +330,20 @@ struct LocalEvent {
 /// fields hold. Stopping means that the careful road has to be taken. There are two of it, as of the fast one.
 template <bool kIsLine>
 struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
-    using SharedRoad<LocalRoad>::load;
     using RoadEvent = LocalEvent;
     static constexpr Answer kStop = Answer::Undecided;
+
+    /// Not ordered by itself, so that the compiler can compare a word where it lies: `order_loads` comes between those
+    /// whose order counts.
+    template <class Word>
+    static Word load(const Word& word) {
+        return __atomic_load_n(&word, __ATOMIC_RELAXED);
+    }
+
+    /// Has all that is read from here on be read after what has been read so far. No instruction on x86.
+    static void order_loads() {
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+    }
 
     static const InitialCallbackData& callback(const LocalEvent& event) {
         return event.callback;
@@ -398,6 +412,7 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
 
     /// Takes what it needs of an event, and not the event: that can then be kept in registers.
     static Line look_up(Note& note, PyObject* const& slot, PyObject* lineno_obj) {
+        order_loads();
         const local_state::Borrowed enabled_bp_linenos(note, slot);
         if (enabled_bp_linenos.get() == nullptr || shared::type_of(enabled_bp_linenos.get()) != xpy.PySet_Type_ptr) {
             return Line::Stop;
@@ -417,12 +432,14 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
     }
 
     static Step are_breakpoints_known(const LocalEvent& event) {
+        order_loads();
         const PyObject* enabled_bp_linenos = load(code_record(event).fEnabledBpLinenos);
         return enabled_bp_linenos != nullptr && enabled_bp_linenos != none() ? Step::Yes : Step::Stop;
     }
 
     /// The last that is read of the thread's record: what follows a LINE event may wait for the set's lock.
     static Step is_stepping(LocalEvent& event) {
+        order_loads();
         const bool is_not = load(thread_record(event).fSteppingEventsNeeded) == xpy._Py_FalseStruct;
         if constexpr (kIsLine) {
             end_look(event);
@@ -435,6 +452,7 @@ struct LocalRoad : SharedRoad<LocalRoad<kIsLine>> {
     }
 
     static bool suspend(const ModuleState& /*m*/, const LocalEvent& event) {
+        order_loads();
         return load(thread_record(event).fCheckSuspendLock) == xpy._Py_FalseStruct;
     }
 };

@@ -68,6 +68,9 @@ inline std::size_t place_of(PyObject* code_object) {
 inline bool recall(const LocalState& local, PyObject* code_object, PyObject*& per_code_object) {
     const LocalState::Remembered& found = local.records[place_of(code_object)];
     per_code_object = found.per_code_object;
+    // The epoch is looked at after the code object came here: if that lies where another one died, the epoch which its
+    // death has begun is seen. The fence of the call's note orders nothing here, since the other side may execute it.
+    __atomic_thread_fence(__ATOMIC_ACQUIRE);
     return local.epoch == current_epoch() && found.code_object == code_object;
 }
 

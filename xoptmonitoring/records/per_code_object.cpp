@@ -79,7 +79,7 @@ Py_ssize_t extra_index(PyTypeObject* cls) {
 }
 
 void set_flag(std::int32_t& flag, bool value) {
-    __atomic_store_n(&flag, value ? 1 : 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&flag, value ? 1 : 0, __ATOMIC_RELEASE);
 }
 
 /// Passes a record or None on; anything else is a TypeError.
@@ -504,7 +504,7 @@ Ref GetPerCodeObject(ModuleState& m, PyObject* code_object, bool create_missing,
         }
         return registered;
     }
-    if (frame != none() && __atomic_load_n(&data(per_code_object.get()).fUpdatePathnameNeeded, __ATOMIC_RELAXED) != 0 &&
+    if (frame != none() && __atomic_load_n(&data(per_code_object.get()).fUpdatePathnameNeeded, __ATOMIC_ACQUIRE) != 0 &&
         !_UpdatePathnameFromFrame(m, per_code_object.get(), frame)) {
         return {};
     }

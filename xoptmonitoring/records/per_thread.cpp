@@ -279,7 +279,7 @@ Ref find_or_create(ModuleState& m, PyObject* thread_id, bool for_current_thread,
 
 Ref GetDebugPolicy(PyObject* self) {
     Py_ssize_t& policy = data(self).fDebugPolicy;
-    const Py_ssize_t known = __atomic_load_n(&policy, __ATOMIC_RELAXED);
+    const Py_ssize_t known = __atomic_load_n(&policy, __ATOMIC_ACQUIRE);
     if (known != kPolicyUnknown) {
         return new_int(known);
     }
@@ -296,7 +296,7 @@ Ref GetDebugPolicy(PyObject* self) {
             return {};
         }
     }
-    __atomic_store_n(&policy, asked, __ATOMIC_RELAXED);
+    __atomic_store_n(&policy, asked, __ATOMIC_RELEASE);
     return new_int(asked);
 }
 
@@ -313,7 +313,7 @@ bool forget_policies(ModuleState& m, PyTypeObject* cls) {
         if (record == nullptr) {
             return false;
         }
-        __atomic_store_n(&record->fDebugPolicy, kPolicyUnknown, __ATOMIC_RELAXED);
+        __atomic_store_n(&record->fDebugPolicy, kPolicyUnknown, __ATOMIC_RELEASE);
     }
     return true;
 }

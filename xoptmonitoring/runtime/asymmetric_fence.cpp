@@ -22,12 +22,13 @@ bool is_registered() {
     return is_done(MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED);
 }
 
-/// What the rare side goes by: longer true than `is_one_sided`.
+/// What the rare side goes by: true before `is_one_sided` is, and longer, for every processor that looks.
 bool is_asked = false;
 
 void decide() {
-    is_asked = is_registered();
-    __atomic_store_n(&is_one_sided, is_asked, __ATOMIC_RELAXED);
+    const bool is_offered = is_registered();
+    __atomic_store_n(&is_asked, is_offered, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&is_one_sided, is_offered, __ATOMIC_SEQ_CST);
 }
 
 /// Somebody has forbidden the call since. From now on each side has its own fence; whoever has not noticed that yet is
@@ -49,7 +50,8 @@ void prepare() {
 
 void heavy() {
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
-    if (!__atomic_load_n(&is_asked, __ATOMIC_RELAXED)) {
+    // Acquired, so that the look for notes does not come before this: what another thread has given up is long over.
+    if (!__atomic_load_n(&is_asked, __ATOMIC_ACQUIRE)) {
         return;
     }
     // Whether a forked child is registered is the system's business; to register it again costs nothing there.

@@ -232,7 +232,7 @@ int traverse_class(PyObject* cls, std::span<const FieldDecl> fields, visitproc v
 
 int clear_class(PyObject* cls, std::span<const FieldDecl> fields) {
     // The base's clearing lets go of the module, whose state `m` points into.
-    record_head(cls).m = nullptr;
+    __atomic_store_n(&record_head(cls).m, nullptr, __ATOMIC_RELEASE);
     auto base = reinterpret_cast<inquiry>(xpy.PyType_GetSlot(xpy.PyType_Type_ptr, Py_tp_clear));
     const int status = base(cls);
     clear_members(class_data(cls), fields);
@@ -294,7 +294,7 @@ int set_class_attribute(PyObject* cls, PyObject* name, PyObject* value) {
 }
 
 void set_class_word(PyTypeObject* cls, const FieldDecl& field, Py_ssize_t value) {
-    __atomic_store_n(&field_at<Py_ssize_t>(class_data(as_object(cls)), field), value, __ATOMIC_RELAXED);
+    __atomic_store_n(&field_at<Py_ssize_t>(class_data(as_object(cls)), field), value, __ATOMIC_RELEASE);
     if (field.changed != nullptr) {
         field.changed(class_data(as_object(cls)));
     }

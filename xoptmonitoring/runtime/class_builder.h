@@ -19,6 +19,12 @@ struct ClassRecord {
     std::uint64_t words_set;  ///< which word fields of this very record hold a value, by index
 };
 
+/// The module's state behind a record; null once the class has been torn down, on whatever thread that happens. The
+/// state was there before the class was, so it needs no order.
+inline ModuleState* state_of(const ClassRecord& record) {
+    return __atomic_load_n(&record.m, __ATOMIC_RELAXED);
+}
+
 /// The declaration of a class.
 struct ClassDecl {
     const char* name;         ///< "CPerFile"

@@ -72,9 +72,9 @@ Ref load_field(PyObject* owner, PyObject* const& slot) {
 Ref read_member(PyObject* owner, void* data, const FieldDecl& field) {
     switch (field.type) {
         case FieldType::Int:
-            return new_int(__atomic_load_n(&field_at<Py_ssize_t>(data, field), __ATOMIC_RELAXED));
+            return new_int(__atomic_load_n(&field_at<Py_ssize_t>(data, field), __ATOMIC_ACQUIRE));
         case FieldType::Bool:
-            return new_bool(__atomic_load_n(&field_at<std::int32_t>(data, field), __ATOMIC_RELAXED) != 0);
+            return new_bool(__atomic_load_n(&field_at<std::int32_t>(data, field), __ATOMIC_ACQUIRE) != 0);
         default:
             return load_field(owner, field_at<PyObject*>(data, field));
     }
@@ -105,8 +105,10 @@ int write_member(PyObject* owner, void* data, const FieldDecl& field, PyObject* 
             if (!check_value(ValueType::Bool, value)) {
                 return -1;
             }
+            // Not before what the assigning thread wrote earlier: a thread that sees fAnySuspendThread has to find the
+            // fCheckSuspendLock that was set before it.
             __atomic_store_n(&field_at<std::int32_t>(data, field), value == xpy._Py_TrueStruct ? 1 : 0,
-                             __ATOMIC_RELAXED);
+                             __ATOMIC_RELEASE);
             return 0;
         case FieldType::Dict:
             if (!check_value(ValueType::Dict, value)) {
@@ -121,7 +123,7 @@ int write_member(PyObject* owner, void* data, const FieldDecl& field, PyObject* 
         {
             const ObjectLock lock(owner);
             if (slot == nullptr) {
-                slot = Ref::share(value).release();
+                exchange_slot_locked(slot, Ref::share(value).release());
                 return 0;
             }
         }

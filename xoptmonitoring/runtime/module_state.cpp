@@ -15,10 +15,11 @@ std::span<PyObject*> objects_of(Record& record) {
     return {reinterpret_cast<PyObject**>(&record), sizeof(Record) / sizeof(PyObject*)};
 }
 
-/// Empties the fields one by one: each is null before what it held is dropped, since that can run Python code.
+/// Empties the fields one by one: each is null before what it held is dropped, since that can run Python code. Anybody
+/// can finalise a module that other threads use, so each field is emptied in one step.
 void drop_all(std::span<PyObject*> fields) {
     for (PyObject*& field : fields) {
-        const Ref dropped = Ref::steal(std::exchange(field, nullptr));
+        const Ref dropped = Ref::steal(__atomic_exchange_n(&field, nullptr, __ATOMIC_ACQ_REL));
     }
 }
 
@@ -62,10 +63,19 @@ bool fill_text(PyObject*& field, const char* text) {
     return field != nullptr;
 }
 
+/// The module object, whose mutex guards the globals; null once teardown has begun, on whatever thread.
+PyObject* guard_of(const ModuleState& m) {
+    return __atomic_load_n(&m.module, __ATOMIC_ACQUIRE);
+}
+
+void forget_module(ModuleState& m) {
+    __atomic_store_n(&m.module, nullptr, __ATOMIC_RELEASE);
+}
+
 }  // namespace
 
 Ref load_global(ModuleState& m, PyObject* const& slot) {
-    Ref value = peek_slot(m.module, slot);
+    Ref value = peek_slot(guard_of(m), slot);
     if (!value) {
         raise_unset();
     }
@@ -73,7 +83,7 @@ Ref load_global(ModuleState& m, PyObject* const& slot) {
 }
 
 void store_global(ModuleState& m, PyObject*& slot, Ref value) {
-    put_slot(m.module, slot, std::move(value));
+    put_slot(guard_of(m), slot, std::move(value));
 }
 
 bool store_final_global(ModuleState& m, PyObject*& slot, const char* name, Ref value) {
@@ -81,9 +91,9 @@ bool store_final_global(ModuleState& m, PyObject*& slot, const char* name, Ref v
         return false;
     }
     {
-        const ObjectLock lock(m.module);
+        const ObjectLock lock(guard_of(m));
         if (slot == nullptr) {
-            slot = value.release();
+            exchange_slot_locked(slot, value.release());
             return true;
         }
     }
@@ -92,8 +102,8 @@ bool store_final_global(ModuleState& m, PyObject*& slot, const char* name, Ref v
 }
 
 void store_global(ModuleState& m, std::int64_t& slot, std::int64_t value) {
-    const ObjectLock lock(m.module);
-    __atomic_store_n(&slot, value, __ATOMIC_RELAXED);
+    const ObjectLock lock(guard_of(m));
+    __atomic_store_n(&slot, value, __ATOMIC_RELEASE);
 }
 
 void add_living_state(ModuleState& m) {
@@ -107,7 +117,7 @@ ModuleState* living_states_after_fork() {
 }
 
 PyTypeObject* defined_class(PyObject* const& slot, const char* name) {
-    PyObject* value = __atomic_load_n(&slot, __ATOMIC_RELAXED);
+    PyObject* value = __atomic_load_n(&slot, __ATOMIC_ACQUIRE);
     if (XPY_UNLIKELY(value == nullptr)) {
         xpy.PyErr_Format(xpy.PyExc_NameError, "name '%s' is not defined", name);
     }
@@ -160,7 +170,7 @@ int traverse_state(ModuleState& m, visitproc visit, void* arg) {
 }
 
 void clear_tables(ModuleState& m) {
-    m.module = nullptr;
+    forget_module(m);
     drop_all(objects_of(m.builtins));
     drop_all(objects_of(m.names));
     drop_all(objects_of(m.literals));
@@ -188,7 +198,7 @@ void bury_state(ModuleState& m) {
 
 void clear_state(ModuleState& m) {
     remove_living_state(m);
-    m.module = nullptr;
+    forget_module(m);
     const Ref buried = Ref::steal(std::exchange(m.buried, nullptr));
     const Ref arming = Ref::steal(std::exchange(m.arming, nullptr));
     drop_all(objects_of(m.types));
