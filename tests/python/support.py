@@ -6,6 +6,7 @@ Import what you need:
 * `XoTestCase`: base class; resets the module and the process around every test, and holds small helpers.
 * `RecordingWriter`, `Recorder`: a file object and a callable that remember what they were given.
 * `raising`, `reentering`, `NastyError`: objects whose special methods raise, or call back into the module.
+* `SaysItIsStr`, `RaisesForItsClass`: objects whose `__class__` is not their type.
 * `HostPackage`: a throw-away package around a copy of the built module, with companions of the test's choice.
 * `run_python`: a snippet in a fresh process of this interpreter, which has to end cleanly.
 * `is_free_threaded`, `needs_...`: what a test may ask of its interpreter; each skip says why.
@@ -219,6 +220,34 @@ def raising(*names, base=object, args=()):
     if not names:
         body["__getattr__"] = _raise_nasty
     return type("Raising", (base,), body)(*args)
+
+
+class SaysItIsStr:
+    """No str, but `isinstance` takes it for one; equal to the str that it was made with."""
+
+    def __init__(self, text):
+        self.text = text
+
+    @property
+    def __class__(self):
+        return str
+
+    def __eq__(self, other):
+        return self.text == other
+
+    def __hash__(self):
+        return hash(self.text)
+
+    def lower(self):
+        return self.text.lower()
+
+
+class RaisesForItsClass:
+    """What cannot even be asked for its class."""
+
+    @property
+    def __class__(self):
+        raise NastyError("class")
 
 
 def reentering(action, *names, base=object, args=()):

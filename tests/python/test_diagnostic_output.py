@@ -5,7 +5,8 @@ import unittest
 import weakref
 
 import interface
-from support import NastyError, Recorder, RecordingWriter, XoTestCase, raising, xo
+from support import (NastyError, RaisesForItsClass, Recorder, RecordingWriter, SaysItIsStr, XoTestCase,
+                     raising, xo)
 
 NOT_A_STRING = "s must be a string or a callable that returns a string"
 
@@ -116,6 +117,18 @@ class Written(XoTestCase):
 
         xo.dprintf(xo.kLogCore, CallableText("text"))
         self.assertEqual(self.writer.texts, ["text"])
+
+    def test_what_isinstance_takes_for_a_string_is_written(self):
+        given, lazily = SaysItIsStr("given"), SaysItIsStr("lazily")
+        xo.dprintf(xo.kLogCore, given)
+        xo.dprintf(xo.kLogCore, lambda: lazily)
+        self.assertIs(self.writer.texts[0], given)
+        self.assertIs(self.writer.texts[1], lazily)
+
+    def test_an_exception_of_isinstance_propagates(self):
+        self.assert_raises_text(NastyError, "class", xo.dprintf, xo.kLogCore, RaisesForItsClass())
+        self.assert_raises_text(NastyError, "class", xo.dprintf, xo.kLogCore, RaisesForItsClass)
+        self.assertEqual(self.writer.texts, [])
 
     def test_the_result_of_write_is_discarded(self):
         self.writer.result = raising()

@@ -5,7 +5,7 @@ import threading
 import unittest
 import weakref
 
-from support import NastyError, XoTestCase, raising, reentering, xo
+from support import NastyError, RaisesForItsClass, SaysItIsStr, XoTestCase, raising, reentering, xo
 
 
 class Asking(XoTestCase):
@@ -28,6 +28,16 @@ class Asking(XoTestCase):
         xo.SetInternalPathnameDict({None: 1, 5: 1, b"/x": 1, "/x": 1})
         for pathname in (None, 5, b"/x", ["/x"], raising("__eq__", "__hash__", "__bool__")):
             self.assertIs(xo.IsInternalPathname(pathname), False)
+
+    def test_what_isinstance_takes_for_a_string_is_looked_up(self):
+        xo.SetInternalPathnameDict({"/opt/dbg/x.py": 1})
+        self.assertIs(xo.IsInternalPathname(SaysItIsStr("/opt/dbg/x.py")), True)
+        self.assertIs(xo.IsInternalPathname(SaysItIsStr("/opt/dbg/y.py")), False)
+        self.set_platform("win32")
+        self.assertIs(xo.IsInternalPathname(SaysItIsStr("/opt/dbg/X.py")), True)
+
+    def test_an_exception_of_isinstance_propagates(self):
+        self.assert_raises_text(NastyError, "class", xo.IsInternalPathname, RaisesForItsClass())
 
     def test_case_matters_elsewhere_than_on_windows(self):
         self.set_platform("linux")

@@ -421,6 +421,32 @@ class OrderTest(XoTestCase):
         finally:
             CPerThread._fPerThreadDict.pop("foreign", None)
 
+    def test_each_registry_empties_itself_in_its_own_way(self):
+        class Registry(dict):
+            cleared = 0
+
+            def clear(self):
+                self.cleared += 1
+                super().clear()
+
+        names = {CPerFile: ("_fPerFileDict", "_fByChecksum"), CPerCodeObject: ("_fPerCodeObjectDict",),
+                 CPerThread: ("_fPerThreadDict", "_fCleanupSupportByThreadId")}
+        registries = {}
+        for cls, attributes in names.items():
+            for name in attributes:
+                self.addCleanup(setattr, cls, name, getattr(cls, name))
+                registries[name] = Registry()
+                setattr(cls, name, registries[name])
+        self.fill()
+        record = CPerThread.GetPerThread(FOREIGN_THREAD_ID)
+        self.assertIs(registries["_fPerThreadDict"][FOREIGN_THREAD_ID], record)
+        xo.reset()
+        self.assertEqual(registries, {name: {} for name in registries})
+        self.assertEqual({name: registry.cleared for name, registry in registries.items()},
+                         {name: 1 for name in registries})
+        xo.reset()
+        self.assertEqual({registry.cleared for registry in registries.values()}, {2})
+
     def test_a_foreign_clean_up_support_is_cleared_once(self):
         class Support:
             def __init__(self):

@@ -71,8 +71,9 @@ int is_win32(ModuleState& m) {
 }
 
 int IsInternalPathname(ModuleState& m, PyObject* pathname) {
-    if (pathname == none() || !is_str(pathname)) {
-        return 0;
+    const int is_text = pathname != none() ? is_str_instance(pathname) : 0;
+    if (is_text <= 0) {
+        return is_text;
     }
     const int on_win32 = is_win32(m);
     if (on_win32 < 0) {

@@ -441,11 +441,9 @@ bool fill_class_fields(ModuleState& m, PyTypeObject* cls) {
            set(&ClassData::_fDestructorActiveThreadIds, Ref::steal(xpy.PySet_New(nullptr)));
 }
 
-/// Calls `operation(value)` for each value of a registry, over a snapshot.
+/// Calls `operation(value)` for each value in a list. False with an exception set, also where there is no list.
 template <class Operation>
-bool for_each_value(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
-    const Ref registry = class_slot(m, slot);
-    const Ref values = registry ? values_snapshot(registry.get(), m.names.values) : Ref();
+bool for_each_of(const Ref& values, Operation operation) {
     if (!values) {
         return false;
     }
@@ -457,6 +455,13 @@ bool for_each_value(ModuleState& m, PyObject* ClassData::*slot, Operation operat
         }
     }
     return true;
+}
+
+/// Calls `operation(value)` for each value of a registry, over a snapshot.
+template <class Operation>
+bool for_each_value(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
+    const Ref registry = class_slot(m, slot);
+    return registry && for_each_of(values_snapshot(registry.get(), m.names.values), operation);
 }
 
 bool clear_registry(ModuleState& m, PyObject* ClassData::*slot) {
@@ -481,6 +486,11 @@ bool pop_each(ModuleState& m, PyObject* registry, PyObject* keys, Operation oper
 template <class Operation>
 bool drain(ModuleState& m, PyObject* ClassData::*slot, Operation operation) {
     const Ref registry = class_slot(m, slot);
+    if (registry && type_of(registry.get()) != xpy.PyDict_Type_ptr) {
+        // An instance of a subclass empties itself in its own way; so what has been entered is looked at before.
+        return for_each_of(Ref::steal(xpy.PyDict_Values(registry.get())), operation) &&
+               call_method(registry.get(), m.names.clear);
+    }
     // More passes than threads could need that enter their records and enter them again.
     for (int passes_left = 100; registry && passes_left > 0; --passes_left) {
         const Ref keys = Ref::steal(xpy.PyDict_Keys(registry.get()));

@@ -33,12 +33,16 @@ Ref get_mask(ModuleState& m, PyObject* /*self*/, const Argument* /*args*/) {
 /// The text of `dprintf`: a str as it is, or what a callable gives, so that a caller pays for building a message only
 /// when it is written.
 Ref resolve_text(PyObject* s) {
-    Ref text = is_str(s) ? Ref::share(s) : call(s);
-    if (text && !is_str(text.get())) {
-        xpy.PyErr_SetString(xpy.PyExc_TypeError, "s must be a string or a callable that returns a string");
-        return {};
+    int is_text = is_str_instance(s);
+    if (is_text != 0) {
+        return is_text > 0 ? Ref::share(s) : Ref();
     }
-    return text;
+    Ref text = call(s);
+    is_text = text ? is_str_instance(text.get()) : -1;
+    if (is_text == 0) {
+        xpy.PyErr_SetString(xpy.PyExc_TypeError, "s must be a string or a callable that returns a string");
+    }
+    return is_text > 0 ? std::move(text) : Ref();
 }
 
 Ref print_line(ModuleState& m, PyObject* /*self*/, const Argument* args) {

@@ -40,6 +40,7 @@ inline bool is_instance_of(PyObject* object, PyTypeObject* type) {
     return actual == type || xpy.PyType_IsSubtype(actual, type) != 0;
 }
 
+/// Whether `object` really is a str.
 inline bool is_str(PyObject* object) {
     return is_instance_of(object, xpy.PyUnicode_Type_ptr);
 }
@@ -47,6 +48,11 @@ inline bool is_str(PyObject* object) {
 /// `isinstance(object, type)`: 1, 0, or -1 with an exception set.
 inline int is_instance(PyObject* object, PyObject* type) {
     return xpy.PyObject_IsInstance(object, type);
+}
+
+/// `isinstance(object, str)`, to which an object passes for a str whose `__class__` says so.
+inline int is_str_instance(PyObject* object) {
+    return is_instance(object, as_object(xpy.PyUnicode_Type_ptr));
 }
 
 /// Truth of `left == right` (or `!=`): 1, 0, or -1 with an exception set.
