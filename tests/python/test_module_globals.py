@@ -351,6 +351,20 @@ class Teardown(XoTestCase):
                     raise AssertionError(function)
         """)
 
+    def test_a_function_that_was_finalised_itself_raises_attribute_error(self):
+        run_python("""
+            from vorntracer import xoptmonitoring as xo
+            for function in (xo.get_dprintf_mask, xo.CPerFile.GetAllPerFiles.__func__):
+                function.__del__()
+                try:
+                    function()
+                except AttributeError as error:
+                    assert str(error) == "Attribute error", error
+                else:
+                    raise AssertionError(function)
+            assert xo.reset() is None
+        """)
+
     def test_calls_made_while_the_interpreter_shuts_down_do_no_harm(self):
         run_python("""
             import sys
