@@ -319,6 +319,21 @@ class ClassFields(XoTestCase):
         xo.CPerFile._fNewPerFileCreatedCallback = None
         self.assertIs(Sub._fNewPerFileCreatedCallback, own)
 
+    def test_a_class_field_in_the_body_of_a_subclass_can_be_replaced_though_it_was_read_at_once(self):
+        """The interpreter remembers what it found in the class's dictionary, where the field is no more."""
+        class Reading(xo.CPerFile):
+            def __init_subclass__(cls):
+                instances.append(cls.__new__(cls))
+                first.append(instances[0]._fPerFileDict)
+
+        instances, first = [], []
+        class Sub(Reading):
+            _fPerFileDict = {"in": "the body"}
+
+        self.assertEqual(first, [{"in": "the body"}])
+        Sub._fPerFileDict = {"set": "later"}
+        self.assertEqual((Sub._fPerFileDict, instances[0]._fPerFileDict), ({"set": "later"}, {"set": "later"}))
+
     def test_a_class_method_called_on_a_subclass_sets_the_subclasses_field(self):
         class Sub(xo.CPerFile):
             pass
