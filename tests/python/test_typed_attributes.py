@@ -319,6 +319,24 @@ class ClassFields(XoTestCase):
         xo.CPerFile._fNewPerFileCreatedCallback = None
         self.assertIs(Sub._fNewPerFileCreatedCallback, own)
 
+    def test_a_subclass_that_sets_an_integer_class_field_has_its_own_from_then_on(self):
+        class InItsBody(xo.CInitialCallback):
+            _kOffsetForGetFrameInGetPerCodeObject = 3
+
+        class Later(xo.CInitialCallback):
+            pass
+
+        class Below(Later):
+            pass
+
+        self.assertEqual(Later._kOffsetForGetFrameInGetPerCodeObject, 0)
+        Later._kOffsetForGetFrameInGetPerCodeObject = 4
+        self.assertEqual([cls._kOffsetForGetFrameInGetPerCodeObject
+                          for cls in (xo.CInitialCallback, InItsBody, Later, Below)], [0, 3, 4, 4])
+        Later._kOffsetForGetFrameInGetPerCodeObject = 0
+        Below._kOffsetForGetFrameInGetPerCodeObject = -1
+        self.assertEqual([cls._kOffsetForGetFrameInGetPerCodeObject for cls in (Later, Below)], [0, -1])
+
     def test_a_class_field_in_the_body_of_a_subclass_can_be_replaced_though_it_was_read_at_once(self):
         """The interpreter remembers what it found in the class's dictionary, where the field is no more."""
         class Reading(xo.CPerFile):
