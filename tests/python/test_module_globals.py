@@ -410,20 +410,24 @@ class Teardown(XoTestCase):
             assert dead() is None and key() is None, (dead(), key())
         """)
 
-    def test_a_module_that_was_finalised_by_hand_is_collected(self):
-        run_python("""
-            import gc, weakref
-            from support import HostPackage
-            with HostPackage() as host, host.importable():
-                module = host.import_module()
-                dead = weakref.ref(module), weakref.ref(module.CPerFile)
-                module.__del__()
-                module.__del__()
-                del module
-            gc.collect()
-            gc.collect()
-            assert [reference() for reference in dead] == [None, None], [reference() for reference in dead]
-        """)
+    def test_a_module_that_was_finalised_by_hand_keeps_what_it_had_until_it_is_collected(self):
+        for times in (1, 2):
+            with self.subTest(times=times):
+                run_python(f"""
+                    import gc, weakref
+                    from support import HostPackage
+                    with HostPackage() as host, host.importable():
+                        module = host.import_module()
+                        parts = weakref.ref(module), weakref.ref(module.CPerFile)
+                        for _ in range({times}):
+                            module.__del__()
+                            gc.collect()
+                        assert parts[1]() is not None
+                        del module
+                    gc.collect()
+                    gc.collect()
+                    assert [part() for part in parts] == [None, None], [part() for part in parts]
+                """)
 
     def test_a_module_in_a_cycle_through_its_own_type_is_collected(self):
         run_python("""
