@@ -582,7 +582,8 @@ class Tracer:
         with self._lock:
             thread = xo.CPerThread.GetPerThread()  # not that of the stop: `on_stop` may have called reset
             frame = None
-            if command is not Command.CONTINUE and self._is_running:
+            # A thread that `on_stop` had ignored has no event that could end a step.
+            if command is not Command.CONTINUE and self._is_running and thread.fDebugPolicy != 0:
                 frame = xo.GetNonInternalFrame(1 if is_from_caller else 0)
             if frame is None:
                 self._end_step(thread)

@@ -246,6 +246,14 @@ TEST_F(Binding, fails_without_trying_while_the_test_switch_is_on) {
     EXPECT_EQ(XPy_DbgSetFailOnImport(0), 1);
 }
 
+TEST_F(Binding, leaves_an_exception_that_is_pending_already_where_it_fails) {
+    XPy_DbgSetFailOnImport(1);
+    xpy.PyErr_SetString(xpy.PyExc_ValueError, "mine");
+    EXPECT_EQ(XPy_Initialize(), -1);
+    EXPECT_EQ(take_exception(), "ValueError: mine");
+    XPy_DbgSetFailOnImport(0);
+}
+
 TEST_F(Binding, finds_further_symbols_by_name_and_nothing_for_a_null_name) {
     EXPECT_EQ(XPy_LookupPythonFunction("Py_GetVersion"), dlsym(RTLD_DEFAULT, "Py_GetVersion"));
     EXPECT_NE(XPy_LookupPythonFunction("Py_GetVersion"), nullptr);

@@ -228,6 +228,10 @@ class KeywordNames(XoTestCase):
         with self.assertRaises((TypeError, UnicodeError)):
             xo.GetPathnameKind("/a", **{"\ud800": 1})
 
+    def test_a_keyword_without_a_utf_8_form_leaves_no_error_of_its_own_behind(self):
+        # -1 is where the conversion of a value looks whether there is one.
+        self.assert_raises_text(TypeError, EXCESS_KEYWORD, xo.set_dprintf_mask, -1, **{"\ud800": 1})
+
 
 class Conversions(XoTestCase):
 

@@ -6,7 +6,6 @@ to it that nothing of the module is forgotten.
 """
 
 import ctypes
-import gc
 import os
 import sys
 import threading
@@ -16,7 +15,7 @@ import weakref
 
 from code_helpers import at_distance, frees_code_objects, in_frame_of, make_code
 from interface import CLASSES, FUNCTIONS, find_class, parameter_names, required_count
-from support import NastyError, XoTestCase, is_sanitized, needs_plain_allocator, run_python, xo
+from support import NastyError, XoTestCase, allocated_blocks, is_sanitized, needs_plain_allocator, run_python, xo
 
 CPerFile = xo.CPerFile
 CPerCodeObject = xo.CPerCodeObject
@@ -780,9 +779,9 @@ class RepetitionTest(XoTestCase):
     """One test for each operation; they are entered below."""
 
     def measure(self, watched):
-        gc.collect()
-        return ([sys.getrefcount(obj) for obj in watched], registry_sizes(), sys.getallocatedblocks(),
-                allocated_bytes(), resident_bytes())
+        blocks = allocated_blocks()
+        return ([sys.getrefcount(obj) for obj in watched], registry_sizes(), blocks, allocated_bytes(),
+                resident_bytes())
 
     def check_level(self, repeat, watched):
         unraisable = self.patch(sys, "unraisablehook", Counter())

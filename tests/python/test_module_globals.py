@@ -351,6 +351,20 @@ class Teardown(XoTestCase):
                     raise AssertionError(function)
         """)
 
+    def test_a_function_that_was_finalised_itself_raises_attribute_error(self):
+        run_python("""
+            from vorntracer import xoptmonitoring as xo
+            for function in (xo.get_dprintf_mask, xo.CPerFile.GetAllPerFiles.__func__):
+                function.__del__()
+                try:
+                    function()
+                except AttributeError as error:
+                    assert str(error) == "Attribute error", error
+                else:
+                    raise AssertionError(function)
+            assert xo.reset() is None
+        """)
+
     def test_calls_made_while_the_interpreter_shuts_down_do_no_harm(self):
         run_python("""
             import sys
@@ -395,6 +409,25 @@ class Teardown(XoTestCase):
             gc.collect()
             assert dead() is None and key() is None, (dead(), key())
         """)
+
+    def test_a_module_that_was_finalised_by_hand_keeps_what_it_had_until_it_is_collected(self):
+        for times in (1, 2):
+            with self.subTest(times=times):
+                run_python(f"""
+                    import gc, weakref
+                    from support import HostPackage
+                    with HostPackage() as host, host.importable():
+                        module = host.import_module()
+                        parts = weakref.ref(module), weakref.ref(module.CPerFile)
+                        for _ in range({times}):
+                            module.__del__()
+                            gc.collect()
+                        assert parts[1]() is not None
+                        del module
+                    gc.collect()
+                    gc.collect()
+                    assert [part() for part in parts] == [None, None], [part() for part in parts]
+                """)
 
     def test_a_module_in_a_cycle_through_its_own_type_is_collected(self):
         run_python("""

@@ -319,6 +319,39 @@ class ClassFields(XoTestCase):
         xo.CPerFile._fNewPerFileCreatedCallback = None
         self.assertIs(Sub._fNewPerFileCreatedCallback, own)
 
+    def test_a_subclass_that_sets_an_integer_class_field_has_its_own_from_then_on(self):
+        class InItsBody(xo.CInitialCallback):
+            _kOffsetForGetFrameInGetPerCodeObject = 3
+
+        class Later(xo.CInitialCallback):
+            pass
+
+        class Below(Later):
+            pass
+
+        self.assertEqual(Later._kOffsetForGetFrameInGetPerCodeObject, 0)
+        Later._kOffsetForGetFrameInGetPerCodeObject = 4
+        self.assertEqual([cls._kOffsetForGetFrameInGetPerCodeObject
+                          for cls in (xo.CInitialCallback, InItsBody, Later, Below)], [0, 3, 4, 4])
+        Later._kOffsetForGetFrameInGetPerCodeObject = 0
+        Below._kOffsetForGetFrameInGetPerCodeObject = -1
+        self.assertEqual([cls._kOffsetForGetFrameInGetPerCodeObject for cls in (Later, Below)], [0, -1])
+
+    def test_a_class_field_in_the_body_of_a_subclass_can_be_replaced_though_it_was_read_at_once(self):
+        """The interpreter remembers what it found in the class's dictionary, where the field is no more."""
+        class Reading(xo.CPerFile):
+            def __init_subclass__(cls):
+                instances.append(cls.__new__(cls))
+                first.append(instances[0]._fPerFileDict)
+
+        instances, first = [], []
+        class Sub(Reading):
+            _fPerFileDict = {"in": "the body"}
+
+        self.assertEqual(first, [{"in": "the body"}])
+        Sub._fPerFileDict = {"set": "later"}
+        self.assertEqual((Sub._fPerFileDict, instances[0]._fPerFileDict), ({"set": "later"}, {"set": "later"}))
+
     def test_a_class_method_called_on_a_subclass_sets_the_subclasses_field(self):
         class Sub(xo.CPerFile):
             pass

@@ -346,6 +346,13 @@ class WhatIsSwitchedOff(BreakpointCase):
         self.assertEqual(sys.monitoring.get_events(Tracer.tool_id),
                          sys.monitoring.events.PY_START | sys.monitoring.events.PY_RESUME)
 
+    def test_code_of_the_debuggers_own_has_no_line_events_though_it_holds_a_breakpoint(self):
+        tracer = self.make_tracer(self.commander, internal_files=[self.program.pathname])
+        tracer.set_breakpoint(self.program.pathname, self.program.line("add"))
+        tracer.start()
+        self.program.load().total([1])
+        self.assertEqual((self.stopped_lines(), self.local_events(self.program.total)), ([], 0))
+
     def test_line_events_are_on_in_code_with_breakpoints_as_soon_as_it_is_met(self):
         self.tracer.start()
         self.set_breakpoint("add")

@@ -360,6 +360,32 @@ class StopsOfThreads(ThreadsCase):
         tracer.release_others()
         self.assertEqual(self.commander.stops, [])
 
+    def test_a_thread_that_asks_to_be_ignored_in_the_middle_of_a_step_steps_no_more(self):
+        tracer = self.start_tracer()
+        self.break_at(tracer, "once")
+
+        class Log(list):
+            def append(self, number):
+                tracer.ignore_this_thread()
+                super().append(number)
+
+        for command in (Command.STEP_INTO, Command.STEP_OVER, Command.STEP_OUT, Command.STOP_ON_RETURN):
+            with self.subTest(command=command):
+                self.commander.commands[:] = [command] + [Command.STEP_OVER] * 9
+                self.join_all([self.start_thread(self.program.once, Log())])
+                self.assertNotIn("once end", [line for _, line, _ in self.commander.take_log()])
+                self.assert_no_counts()
+
+    def test_a_thread_that_asks_to_be_ignored_in_its_stop_steps_no_more(self):
+        tracer = self.start_tracer()
+        self.break_at(tracer, "once")
+        for command in (Command.STEP_INTO, Command.STEP_OVER, Command.STEP_OUT, Command.STOP_ON_RETURN):
+            with self.subTest(command=command):
+                self.commander.commands.append(lambda stop: tracer.ignore_this_thread() or command)
+                self.join_all([self.start_thread(self.program.once, [])])
+                self.assertEqual([line for _, line, _ in self.commander.take_log()], ["once"])
+                self.assert_no_counts()
+
     def test_the_policy_is_asked_once_for_each_thread_and_obeyed(self):
         asked = []
 
