@@ -26,9 +26,9 @@ struct CodeExtra {
 };
 CodeExtra get_code_extra(PyObject* code_object, Py_ssize_t index);
 
-/// Puts `value` into slot `index` of `code_object`; what was there is dropped after the lock, unless it is a record that
-/// other threads may be looking at. `record_class` is that of the caller's records. Where `kept` is given and such a
-/// record is there already, nothing is stored and `kept` says so. False with an exception set.
+/// Puts `value` into slot `index` of `code_object`; what was there is dropped after the lock, unless it is a record
+/// that other threads may be looking at. `record_class` is that of the caller's records. Where `kept` is given and such
+/// a record is there already, nothing is stored and `kept` says so. False with an exception set.
 bool set_code_extra(PyObject* code_object, Py_ssize_t index, PyObject* value, PyTypeObject* record_class, bool* kept);
 
 /// Where a code object keeps its slots, for the fast road, which reads them without a call.
