@@ -3,6 +3,7 @@
 
 #include "xoptmonitoring/diagnostics/dprintf.h"
 
+#include <cerrno>
 #include <functional>
 #include <thread>
 
@@ -442,6 +443,15 @@ TEST_F(Diagnostics, a_failing_format_of_a_record_writes_its_fixed_text_only) {
     EXPECT_EQ(written(), text_of_failing_repr());
     EXPECT_EQ(record->shared_single_dp_data.in_dprint_count, 0);
     free_dp_data(record);
+}
+
+TEST_F(Diagnostics, leave_errno_as_it_was_where_nothing_can_be_written) {
+    constexpr int kNoFile = 9999;
+    set_dprintf_file(nullptr, kNoFile, nullptr);
+    errno = ERANGE;
+    dprint_no_tstate(kLogCore, "lost\n");
+    EXPECT_EQ(errno, ERANGE);
+    set_dprintf_file(nullptr, -1, nullptr);
 }
 
 // ---- exceptions ----

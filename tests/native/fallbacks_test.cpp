@@ -363,7 +363,40 @@ TEST_F(Fallbacks, pop_a_key_and_hand_its_value_out_or_drop_it) {
     EXPECT_EQ(take_exception(), "");
 }
 
+TEST_F(Fallbacks, pop_nothing_where_the_key_that_was_found_cannot_be_removed) {
+    run("class Key(object):\n"
+        "    hashed = 0\n"
+        "    def __hash__(self):\n"
+        "        Key.hashed += 1\n"
+        "        if Key.hashed == 3:  # after the entering and the finding\n"
+        "            raise ValueError('hash')\n"
+        "        return 5\n"
+        "key = Key()\n"
+        "mapping = {key: 'value'}\n");
+    PyObject* popped = nullptr;
+    const int answer = xpy.PyDict_Pop(eval("mapping").get(), eval("key").get(), &popped);
+    const Ref value = Ref::steal(popped);
+    EXPECT_EQ(answer, -1);
+    EXPECT_FALSE(value);
+    EXPECT_EQ(take_exception(), "ValueError: hash");
+    EXPECT_EQ(eval_long("len(mapping)"), 1);
+}
+
 // ---- emulations: frames ----
+
+TEST_F(Fallbacks, hand_out_a_reference_to_the_innermost_frame) {
+    const Ref frame = Ref::steal(xpy.PyThreadState_GetFrame(xpy.PyThreadState_Get()));
+    ASSERT_EQ(static_cast<bool>(frame), version_number() < 311) << "from then on it is no object";
+    if (!frame) {
+        return;
+    }
+    run("import sys");
+    set_global("frame", frame.get());
+    const long before = eval_long("sys.getrefcount(frame)");
+    const Ref again = Ref::steal(xpy.PyThreadState_GetFrame(xpy.PyThreadState_Get()));
+    EXPECT_EQ(again.get(), frame.get());
+    EXPECT_EQ(eval_long("sys.getrefcount(frame)"), before + 1);
+}
 
 TEST_F(Fallbacks, read_a_frame_through_its_layout_or_not_at_all) {
     run("import sys\n"

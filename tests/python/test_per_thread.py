@@ -394,6 +394,15 @@ class RegistryLockTest(EventTestCase):
         CPerThread(SOME_ID)
         self.assertEqual(lock.steps, [("acquire", [], [], []), ("release", [SOME_ID], [SOME_ID], [])])
 
+    def test_discarding_an_unknown_thread_from_registries_of_another_kind_does_nothing(self):
+        class Registry(dict):
+            pass
+
+        for name in ("_fPerThreadDict", "_fCleanupSupportByThreadId"):
+            self.addCleanup(setattr, CPerThread, name, getattr(CPerThread, name))
+            setattr(CPerThread, name, Registry())
+        self.assertIsNone(CPerThread._DiscardPerThread(12345))
+
     def test_discarding_changes_all_three_containers_under_the_lock(self):
         CPerThread(SOME_ID)
         CPerThread._fCleanedUpThreadIds.add(SOME_ID)
