@@ -24,7 +24,7 @@ set(XOPT_MODULE_COMPILE_OPTIONS
     -fno-threadsafe-statics
     -fno-semantic-interposition)
 
-# The two words that each thread has of its own (records/) are read on every event. Through a descriptor that is a call
+# Two of the words that each thread has of its own (records/) are read on every event. Through a descriptor that is a call
 # of two instructions while the C library has room set aside for such words of libraries that are loaded later, and a
 # longer one once others have used that up. To read them without a call takes that room, and the import fails where
 # there is none. A compiler that knows no descriptors calls the C library each time.

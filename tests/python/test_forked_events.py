@@ -10,7 +10,7 @@ import unittest
 
 from code_helpers import in_forked_child, make_code
 from event_helpers import EVENT_IDS, FOREIGN_EVENT_ID, SAMPLE, EventTestCase, Worker
-from support import Recorder, RecordingWriter, is_free_threaded, needs_fork, run_python, time_limit, xo
+from support import Recorder, RecordingWriter, needs_fork, run_python, time_limit, xo
 
 CPerCodeObject = xo.CPerCodeObject
 CPerThread = xo.CPerThread
@@ -360,6 +360,78 @@ class DirectCallTest(EventTestCase):
             sys.monitoring.set_events(tool_id, 0)
             for thread in threads:
                 thread.join()
+
+    def test_a_fork_from_within_an_operation_of_a_registry_leaves_the_child_able_to_work(self):
+        """A dictionary runs Python code, which may fork, while it compares keys and while it lets go of values."""
+        for operation in ("clear()", "__setitem__(Key(), 1)"):
+            with self.subTest(operation=operation):
+                child = run_python(f"""
+                    import os, signal
+                    from vorntracer import xoptmonitoring as xo
+                    signal.alarm(30)
+                    in_child = False
+
+                    def fork():
+                        global in_child
+                        if in_child:
+                            return
+                        child = os.fork()
+                        if child == 0:
+                            in_child = True
+                        else:
+                            statuses.append(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
+
+                    class Key:
+                        def __hash__(self):
+                            return 7
+
+                        def __eq__(self, other):
+                            fork()
+                            return False
+
+                    class Value:
+                        def __del__(self):
+                            fork()
+
+                    statuses = []
+                    for registry in (xo.CPerThread._fPerThreadDict, xo.CPerFile._fPerFileDict):
+                        registry[Key()] = Value()
+                        registry.{operation}
+                        if in_child:
+                            registry.clear()
+                            xo.UpdateThisProcessPid()
+                            xo.reset()
+                            os._exit(0 if xo.CPerThread.GetPerThread() is not None else 1)
+                        in_child = True
+                        registry.clear()
+                        in_child = False
+                    print(statuses)
+                """)
+                self.assertEqual((child.stdout, child.stderr), ("[0, 0]\n", ""))
+
+    def test_a_child_with_threads_of_its_own_can_go_on_too(self):
+        def look():
+            stop = threading.Event()
+
+            def work():
+                while not stop.is_set():
+                    CPerThread.GetPerThread(1001)
+                    CPerThread._DiscardPerThread(1001)
+                    CPerCodeObject.GetPerCodeObject(make_code(SAMPLE))
+
+            threads = [threading.Thread(target=work) for _ in range(3)]
+            for thread in threads:
+                thread.start()
+            for _ in range(20):
+                xo._CPerThreadTssCache.Clear()
+                xo.UpdateThisProcessPid()
+            stop.set()
+            for thread in threads:
+                thread.join()
+            return xo._gThisProcessPid == os.getpid()
+
+        for _ in range(5):
+            self.assertIs(in_forked_child(look, self.watched_fork), True)
 
 
 @needs_fork

@@ -903,6 +903,37 @@ class EndOfAThreadStateTest(EventTestCase):
             assert CPerThread._fPerThreadDict == {{}}
         """)
 
+    def test_a_record_whose_thread_ended_without_a_clean_up_is_not_the_next_threads(self):
+        """The first record of a thread may be made when its state is being cleared already, or its dictionary may be
+        held by somebody: the next thread with the same id finds it registered."""
+        self.run_afterlife("""
+            def inherited():
+                record = CPerThread.GetPerThread()
+                before = record.fThreadName, record.fStopFrame
+                record.fThreadName, record.fStopFrame = "marked", "a frame"
+                return before
+
+            held = []
+
+            def hold():
+                return inherited(), held.append(xo._GetThreadStateDict())
+
+            def first_at_the_end():
+                names.append(inherited())
+
+            names = []
+            for _ in range(10):
+                run_thread(int, first_at_the_end)
+            for _ in range(10):
+                names.append(run_thread(hold)[0])
+            assert set(names) == {(None, None)}, names
+            records = CPerThread.GetAllPerThreads()
+            held.clear()   # the clean-ups of what is held take nothing that is not theirs
+            gc.collect()
+            assert len(records) <= 2, records
+            assert run_thread(inherited) == (None, None)
+        """)
+
     @needs_plain_allocator
     def test_a_threads_end_gives_all_memory_back(self):
         """Under events, after a reset, and where the record went before the thread."""

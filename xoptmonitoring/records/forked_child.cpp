@@ -2,22 +2,77 @@
 //
 // Each object has a mutex in its header. The module's own guards never queue for one (runtime/locks.h), but the
 // interpreter does, for dictionaries and sets above all: where threads compete for one, it hands the mutex over to a
-// thread that sleeps, and that the child does not have. The child's own thread holds none of them: nothing runs Python
-// code, and so nothing forks, while one is held.
+// thread that sleeps, and that the child does not have.
+//
+// The child's own thread may hold some of them: a dictionary that compares keys or lets go of values runs Python code in
+// a critical section, and that code may fork. So nothing is freed in a child that was forked from within a critical
+// section, of whatever object.
 //
 // The child is made ready in two steps. The first comes before the interpreter's own, which ends the other threads'
-// states and so runs their clean-up. A child is also made where another library forks, with the threads of the
-// interpreter anywhere: so that step only looks at objects that are always there and never into a container. The rest
-// is done when the debugger says that it goes on in the child.
+// states and so runs their clean-up. A child is also made where a library forks without stopping the interpreter's
+// threads first: so that step only looks at objects that are always there and never into a container. The rest is done
+// when the debugger says that it goes on in the child, if the child has no second thread by then.
 #include "xoptmonitoring/records/forked_child.h"
 
 #include "xoptmonitoring/runtime/locks.h"
 #include "xoptmonitoring/runtime/python_calls.h"
 
+#include <array>
 #include <pthread.h>
 
 namespace forked_child {
 namespace {
+
+/// What is looked through for the word that leads to the thread's critical sections: the head of a thread state.
+constexpr std::size_t kWatchedWords = 40;
+using Words = std::array<std::uintptr_t, kWatchedWords>;
+
+Words words_of(PyThreadState* tstate) {
+    Words words{};
+    for (std::size_t word = 0; word < kWatchedWords; ++word) {
+        // Other threads write to some of them.
+        words[word] = __atomic_load_n(reinterpret_cast<const std::uintptr_t*>(tstate) + word, __ATOMIC_RELAXED);
+    }
+    return words;
+}
+
+/// Which word of a thread state is not zero while the thread is in a critical section: learnt by being in one. -1 where
+/// that is not clear.
+Py_ssize_t find_section_word(PyObject* object) {
+    if (xpy.PyCriticalSection_Begin == nullptr || xpy.PyCriticalSection_End == nullptr) {
+        return -1;
+    }
+    alignas(16) std::array<std::uintptr_t, 16> section{};  // several times what the interpreter needs
+    PyThreadState* tstate = xpy.PyThreadState_Get();
+    xpy.PyCriticalSection_Begin(section.data(), object);
+    const Words inside = words_of(tstate);
+    xpy.PyCriticalSection_End(section.data());
+    const Words outside = words_of(tstate);
+    for (std::size_t word = 0; word < kWatchedWords; ++word) {
+        // The address of the section, with flags in its lowest bits.
+        if ((inside[word] & ~std::uintptr_t{3}) == reinterpret_cast<std::uintptr_t>(section.data()) &&
+            outside[word] != inside[word]) {
+            return static_cast<Py_ssize_t>(word);
+        }
+    }
+    return -1;
+}
+
+Py_ssize_t section_word = -1;
+
+/// Whether the calling thread, if it is attached at all, holds no object's mutex for the interpreter.
+bool is_outside_of_sections() {
+    PyThreadState* tstate = XPy_CurrentThreadStateOrNull();
+    return tstate != nullptr && section_word != -1 &&
+           reinterpret_cast<const std::uintptr_t*>(tstate)[section_word] == 0;
+}
+
+/// Whether the calling thread is the interpreter's only one.
+bool is_alone() {
+    PyThreadState* tstate = xpy.PyThreadState_Get();
+    return xpy.PyInterpreterState_ThreadHead(xpy.PyInterpreterState_Get()) == tstate &&
+           xpy.PyThreadState_Next(tstate) == nullptr;
+}
 
 void free_mutex(PyObject* object) {
     PyMutex* mutex = XPy_GetFieldAddress<PyMutex>(object, xpy.pyobject_offsets.mutex);
@@ -91,6 +146,9 @@ int free_registries_of_class(PyObject* object, void* module_state) {
 }
 
 void free_in_child() {
+    if (!is_outside_of_sections()) {
+        return;
+    }
     for (ModuleState* m = living_states_after_fork(); m != nullptr; m = m->next_living) {
         if (m->module != nullptr) {
             free_mutex(m->module);
@@ -125,6 +183,7 @@ bool watch_forks(ModuleState& m) {
     if (!is_free_threaded()) {
         return true;
     }
+    section_word = find_section_word(m.module);
     static bool is_watched = false;
     is_watched = is_watched || pthread_atfork(nullptr, nullptr, free_in_child) == 0;
     m.arming = objects_of_arming(m).release();
@@ -136,7 +195,7 @@ bool watch_forks(ModuleState& m) {
 }
 
 void free_registries(ModuleState& m) {
-    if (!is_free_threaded()) {
+    if (!is_free_threaded() || !is_outside_of_sections() || !is_alone()) {
         return;
     }
     traverse_state(m, free_registries_of_class, &m);

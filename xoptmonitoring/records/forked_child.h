@@ -10,7 +10,7 @@ namespace forked_child {
 /// exception set.
 bool watch_forks(ModuleState& m);
 
-/// Frees the mutexes of what the registries hold as well. Called once in a child, while it has one thread.
+/// Frees the mutexes of what the registries hold as well, in a child that has one thread.
 void free_registries(ModuleState& m);
 
 }  // namespace forked_child

@@ -202,16 +202,17 @@ bool cache_own(ModuleState& m, PyObject* thread_id, PyObject* per_thread) {
     return static_cast<bool>(registered);
 }
 
-/// Arms the clean-up of a record that another thread made, now that its own thread asks, and caches the record.
-bool adopt_by_own_thread(ModuleState& m, PyObject* thread_id, PyObject* per_thread) {
+/// The clean-up that is registered for a thread id, or None.
+Ref support_for(ModuleState& m, PyObject* thread_id) {
     const Ref supports = class_slot(m, &ClassData::_fCleanupSupportByThreadId);
-    const Ref cs = supports ? dict_get(supports.get(), thread_id, m.names.get) : Ref();
-    if (!cs) {
-        return false;
-    }
-    if (cs.get() != none()) {
-        const int armed = thread_exit::is_armed(m, cs.get());
-        if (armed < 0 || (armed == 0 && !thread_exit::SetCapsuleInThreadStateDict(m, cs.get()))) {
+    return supports ? dict_get(supports.get(), thread_id, m.names.get) : Ref();
+}
+
+/// Arms the clean-up of a record that another thread made, now that its own thread asks, and caches the record.
+bool adopt_by_own_thread(ModuleState& m, PyObject* thread_id, PyObject* per_thread, PyObject* cs) {
+    if (cs != none()) {
+        const int armed = thread_exit::is_armed(m, cs);
+        if (armed < 0 || (armed == 0 && !thread_exit::SetCapsuleInThreadStateDict(m, cs))) {
             return false;
         }
     }
@@ -247,23 +248,32 @@ Ref checked_record(ModuleState& m, Ref per_thread) {
     return per_thread;
 }
 
+/// The registered record of the calling thread's id, made ready for this thread. None where there is none, or only that
+/// of an ended thread, which is discarded.
+Ref find_own(ModuleState& m, PyObject* thread_id, Ref per_thread) {
+    const Ref cs = support_for(m, thread_id);
+    if (!cs) {
+        return {};
+    }
+    if (thread_exit::is_left_behind(m, cs.get())) {
+        return _DiscardPerThread(m, thread_id) ? new_none() : Ref();
+    }
+    return adopt_by_own_thread(m, thread_id, per_thread.get(), cs.get()) ? std::move(per_thread) : Ref();
+}
+
 Ref find_or_create(ModuleState& m, PyObject* thread_id, bool for_current_thread, bool create_missing) {
     if (for_current_thread && thread_exit::is_at_its_end()) {
         return new_none();
     }
     const Ref records = class_slot(m, &ClassData::_fPerThreadDict);
     Ref per_thread = records ? dict_get(records.get(), thread_id, m.names.get) : Ref();
-    if (!per_thread) {
-        return {};
-    }
-    if (per_thread.get() != none()) {
+    if (per_thread && per_thread.get() != none()) {
         per_thread = checked_record(m, std::move(per_thread));
-        if (per_thread && for_current_thread && !adopt_by_own_thread(m, thread_id, per_thread.get())) {
-            return {};
+        if (per_thread && for_current_thread) {
+            per_thread = find_own(m, thread_id, std::move(per_thread));
         }
-        return per_thread;
     }
-    if (!create_missing) {
+    if (!per_thread || per_thread.get() != none() || !create_missing) {
         return per_thread;
     }
     const int allowed = may_create(m, thread_id);

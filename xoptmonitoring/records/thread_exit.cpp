@@ -39,6 +39,17 @@ struct CapsuleData {
 /// The id of the thread state whose end has begun on this native thread, or 0. The interpreter gives no id twice.
 constinit thread_local std::uint64_t ended_thread_state_id = 0;
 
+/// A number of its own for each native thread that asks. The interpreter's id of a thread is given again once the thread
+/// has ended, this one never.
+std::uint64_t native_thread_number() {
+    static std::uint64_t last = 0;
+    constinit thread_local static std::uint64_t number = 0;
+    if (number == 0) {
+        number = __atomic_add_fetch(&last, 1, __ATOMIC_RELAXED);
+    }
+    return number;
+}
+
 /// 0 where the interpreter gives none.
 std::uint64_t current_thread_state_id() {
     return xpy.PyThreadState_GetID != nullptr ? xpy.PyThreadState_GetID(xpy.PyThreadState_Get()) : 0;
@@ -172,14 +183,15 @@ bool clean_up_noted(ModuleState& m, PyObject* self) {
     if (!discard || !call_method(active.get(), m.names.add, current_thread_id.get())) {
         return false;
     }
-    const bool is_quiet = AddToThreadStateTracing(m, 1);
+    TracingLevel before = -1;
+    const bool is_quiet = enter_tracing(m, before);
     if (!is_quiet) {
         print_and_swallow(m);
     }
     if (!clean_up(m, self)) {
         print_and_swallow(m);
     }
-    if (is_quiet && !leave_tracing(m)) {
+    if (is_quiet && !leave_tracing(m, before)) {
         print_and_swallow(m);
     }
     return static_cast<bool>(call(discard.get(), current_thread_id.get()));
@@ -204,6 +216,7 @@ constexpr FunctionDecl kCleanupMethods[] = {
      [](ModuleState& /*m*/, PyObject* self, const Argument* args) {
          store_field(self, data(self).fPerThread, Ref::share(args[0].object));
          store_field(self, data(self)._fFinalizer, new_none());
+         __atomic_store_n(&data(self).armed_on, 0, __ATOMIC_RELAXED);
          return new_none();
      },
      "Makes the unarmed clean-up of the record `per_thread`.", Binding::Instance},
@@ -332,6 +345,7 @@ bool plant(ModuleState& m, PyObject* self, PyObject* dict, PyObject* capsule, Re
         return false;
     }
     note_place(m, capsule, dict);
+    __atomic_store_n(&data(self).armed_on, native_thread_number(), __ATOMIC_RELAXED);
     store_field(self, data(self)._fFinalizer, std::move(finalizer));
     return dict_set(dict, key.get(), capsule);
 }
@@ -365,6 +379,14 @@ int is_armed(ModuleState& m, PyObject* cleanup_support) {
         return -1;
     }
     return finalizer.get() != none() ? 1 : 0;
+}
+
+bool is_left_behind(const ModuleState& m, PyObject* cleanup_support) {
+    if (!is_own(m, cleanup_support)) {
+        return false;
+    }
+    const std::uint64_t armed_on = __atomic_load_n(&data(cleanup_support).armed_on, __ATOMIC_RELAXED);
+    return armed_on != 0 && armed_on != native_thread_number();
 }
 
 bool disarm(ModuleState& m, PyObject* cleanup_support) {

@@ -6,6 +6,7 @@
 struct CleanupSupportData {
     PyObject* fPerThread;
     PyObject* _fFinalizer;
+    std::uint64_t armed_on;  ///< the number of the native thread on which a capsule was planted; 0 before that
 };
 
 namespace thread_exit {
@@ -26,6 +27,10 @@ bool SetCapsuleInThreadStateDict(ModuleState& m, PyObject* cleanup_support);
 
 /// Whether a capsule has been planted: 1, 0, or -1 with an exception set.
 int is_armed(ModuleState& m, PyObject* cleanup_support);
+
+/// Whether a clean-up was armed on a thread that has ended without it: its capsule is still held by somebody, or was
+/// planted when nothing was to come any more. Asked on the thread that has that one's id now.
+bool is_left_behind(const ModuleState& m, PyObject* cleanup_support);
 
 /// Disarms the clean-up and lets go of its record; something else that Python code has put into a registry is asked
 /// to `Clear()` itself. False with an exception set.

@@ -103,16 +103,26 @@ bool change_level(ModuleState& m, Py_ssize_t count) {
     return repeat(support.get(), name, tstate.get(), count);
 }
 
-/// Lowers the level by one, and asks the interpreter directly where the support module lacks memory, unless it had come
-/// to lower the level before: one that is lowered twice silences the thread as well.
-bool lower_level(ModuleState& m) {
+/// Brings the calling thread's level to what it was, whatever the support module made of it. One that is lowered twice
+/// silences the thread as well.
+void restore_level(TracingLevel before) {
     PyThreadState* tstate = xpy.PyThreadState_Get();
-    const std::int32_t before = tracing_level(tstate);
+    while (tracing_level(tstate) > before) {
+        xpy.PyThreadState_LeaveTracing(tstate);
+    }
+    while (tracing_level(tstate) < before) {
+        xpy.PyThreadState_EnterTracing(tstate);
+    }
+}
+
+bool lower_level(ModuleState& m, TracingLevel before) {
     if (change_level(m, -1)) {
         return true;
     }
-    if (was_out_of_memory(m) && tracing_level(tstate) == before) {
-        xpy.PyThreadState_LeaveTracing(tstate);
+    if (before != -1) {
+        restore_level(before);
+    } else if (was_out_of_memory(m)) {
+        xpy.PyThreadState_LeaveTracing(xpy.PyThreadState_Get());
     }
     return false;
 }
@@ -123,12 +133,23 @@ bool AddToThreadStateTracing(ModuleState& m, Py_ssize_t count) {
     return log_change(m, count) && change_level(m, count);
 }
 
-bool leave_tracing(ModuleState& m) {
+bool enter_tracing(ModuleState& m, TracingLevel& before) {
+    before = tracing_level(xpy.PyThreadState_Get());
+    if (AddToThreadStateTracing(m, 1)) {
+        return true;
+    }
+    if (before != -1) {
+        restore_level(before);
+    }
+    return false;
+}
+
+bool leave_tracing(ModuleState& m, TracingLevel before) {
     if (log_change(m, -1)) {
-        return lower_level(m);
+        return lower_level(m, before);
     }
     const PendingException failure;  // of the log, which is the one to be told
-    static_cast<void>(lower_level(m));
+    static_cast<void>(lower_level(m, before));
     return false;
 }
 
@@ -136,12 +157,13 @@ bool call_untraced(ModuleState& m, PyObject* callback, PyObject* object) {
     if (callback == none()) {
         return true;
     }
-    if (!AddToThreadStateTracing(m, 1)) {
+    TracingLevel before = -1;
+    if (!enter_tracing(m, before)) {
         return false;
     }
     const bool called = static_cast<bool>(call(callback, object));
     PendingException pending;
-    if (!leave_tracing(m)) {
+    if (!leave_tracing(m, before)) {
         pending.drop();
         return false;
     }

@@ -107,8 +107,8 @@ void empty_locked(TssSlotRecord& rec) {
     }
 }
 
-/// In a forked child nobody is left who could give the lock back. Whoever was waiting for it, and was handed it just
-/// then, had not come to change anything yet; the interpreter stops the others elsewhere before it forks.
+/// In a forked child nobody is left who could give the lock back. Where the interpreter forks, nobody has it: it stops
+/// the other threads first, and not while they hold it. Where a library does, what was just being changed stays so.
 void forget_lock() {
     _gXOptTssCacheLock = {};
 }
