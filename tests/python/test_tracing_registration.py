@@ -295,6 +295,24 @@ class AnnouncementTest(TracingTestCase):
                 xo.AddToThreadStateTracing(-1)
                 self.assertTrue(self.raises_events())
 
+    def test_a_level_is_as_before_whatever_the_support_module_raises(self):
+        real_enter = xo.dbgpythonapi.PyThreadState_EnterTracing
+
+        def enter(tstate):
+            real_enter(tstate)
+            raise NastyError("bracket")
+
+        def leave(tstate):
+            raise NastyError("bracket")
+
+        for name, replacement in (("PyThreadState_EnterTracing", enter), ("PyThreadState_LeaveTracing", leave)):
+            for call in (lambda: xo._CallNewObjectCallback(Recorder(), None), self.announce_a_thread(Recorder())):
+                with self.subTest(name=name):
+                    with mock.patch.object(xo.dbgpythonapi, name, replacement):
+                        self.assert_raises_text(NastyError, "bracket", call)
+                    self.assertTrue(self.raises_events())
+                    xo.CPerThread._DiscardPerThread(12345)
+
     def test_a_level_that_could_not_be_lowered_for_want_of_memory_is_lowered_nevertheless(self):
         for error in (MemoryError("instead"), ctypes.ArgumentError("instead")):
             with self.subTest(error=error):
