@@ -104,6 +104,12 @@ XPY_API int XPy_PyObjectsEqual(PyObject* a, PyObject* b);
  * setting. Needs no lock. */
 XPY_API int XPy_DbgSetFailOnImport(int fail);
 
+/* For a host to which it is no news that its interpreter is later than all that xoptmonitoring knows the layouts of:
+ * nonzero makes binding say nothing about that to standard error, zero lifts that. Binding itself is not changed, and
+ * what makes it fail is told all the same. To be called before the import, or whatever else binds. Returns the
+ * previous setting. Needs no lock. */
+XPY_API int XPy_SetQuietAboutLaterVersions(int quiet);
+
 /* ---- module definition ---- */
 
 /* Multi-phase hooks: create returns the new module (a new reference) or null with an exception; exec fills it

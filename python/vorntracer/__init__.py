@@ -5,5 +5,33 @@
     dbgpythonapi     interpreter functions that the native module calls by way of Python
     demo             `python -m vorntracer.demo`: watch the tracer at work
 
-Nothing is imported here, so that `from vorntracer import xoptmonitoring` costs no more than it says.
+Nothing is imported here, so that `from vorntracer import xoptmonitoring` costs no more than it says. Only an
+interpreter that is later than the native module's tables costs a look at that file: this package is tested
+under it, so the module's word about that would be no news to anybody.
 """
+
+import sys
+
+_LAST_DESCRIBED_VERSION = (3, 14)
+
+
+def _quiet_native_module():
+    """Has the native module say nothing about a version that it has no tables for, before it is imported.
+
+    Leaves things as they are where the file is not there or does not know the function: what is wrong then,
+    the import itself says best.
+    """
+    import ctypes  # which the native module imports in any case
+    from importlib.machinery import PathFinder
+
+    spec = PathFinder.find_spec(__name__ + ".xoptmonitoring", __path__)
+    if spec is None or spec.origin is None:
+        return
+    try:
+        ctypes.CDLL(spec.origin).XPy_SetQuietAboutLaterVersions(1)
+    except (OSError, AttributeError):
+        pass
+
+
+if sys.version_info[:2] > _LAST_DESCRIBED_VERSION:
+    _quiet_native_module()

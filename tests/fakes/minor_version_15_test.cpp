@@ -35,4 +35,13 @@ TEST_F(MinorVersion15, says_it_once) {
     EXPECT_EQ(bind(), Bound(0, ""));
 }
 
+TEST_F(MinorVersion15, is_bound_without_a_word_where_that_is_no_news) {
+    auto* set_quiet = exported<int(int)>("XPy_SetQuietAboutLaterVersions");
+    EXPECT_EQ(set_quiet(1), 0);
+    EXPECT_EQ(bind(), Bound(0, ""));
+    EXPECT_EQ(set_quiet(0), 1);
+    EXPECT_EQ(record().initialized, 1);
+    EXPECT_EQ(record().tstate_offsets.interp, -1);
+}
+
 }  // namespace

@@ -25,6 +25,14 @@ TEST_F(MissingName, is_named_and_does_not_settle_the_matter) {
     expect_import_error();
 }
 
+TEST_F(MissingName, is_named_also_where_later_versions_are_no_news) {
+    auto* set_quiet = exported<int(int)>("XPy_SetQuietAboutLaterVersions");
+    set_quiet(1);
+    EXPECT_EQ(bind(), Bound(-1, "GetPtr() failed for PyDict_Keys\n"));
+    set_quiet(0);
+    expect_import_error();
+}
+
 TEST_F(MissingName, is_told_to_the_core_category_as_a_failure) {
     int ends[2] = {-1, -1};
     ASSERT_EQ(pipe(ends), 0);

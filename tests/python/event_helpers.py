@@ -19,9 +19,6 @@ EVENT_IDS = {
     "LINE": xo.kPyLineEventId,
 }
 
-#: What the import writes to standard error: nothing, unless it does not know the interpreter's thread states.
-IMPORT_MESSAGE = "" if sys.version_info < (3, 15) else "Cannot find tstate fields for this python version\n"
-
 #: An event that the module does not serve.
 FOREIGN_EVENT_ID = sys.monitoring.events.CALL
 

@@ -29,6 +29,10 @@ from vorntracer import xoptmonitoring as xo
 PACKAGE_DIR = os.path.dirname(os.path.dirname(os.path.abspath(xo.__file__)))
 TESTS_DIR = os.path.dirname(os.path.abspath(__file__))
 
+#: What the module on its own writes to standard error when it binds, where its package has not asked it to be quiet:
+#: that it does not know the interpreter's thread states.
+BARE_MODULE_MESSAGE = "" if sys.version_info < (3, 15) else "Cannot find tstate fields for this python version\n"
+
 #: Tool ids that `sys.monitoring` hands to tools; 6 and 7 belong to the interpreter itself.
 TOOL_IDS = range(6)
 

@@ -12,8 +12,7 @@ import unittest
 from unittest import mock
 
 import interface
-from event_helpers import IMPORT_MESSAGE
-from support import HostPackage, NastyError, XoTestCase, raising, run_python, xo
+from support import BARE_MODULE_MESSAGE, HostPackage, NastyError, XoTestCase, raising, run_python, xo
 
 STANDARD = ["ctypes", "os", "sys", "threading", "time", "traceback", "types", "weakref", "typing"]
 
@@ -509,7 +508,7 @@ class Surroundings(HostCase):
     def test_the_import_leaves_no_output(self):
         with HostPackage() as host:
             child = host.run_python("import importlib; importlib.import_module(MODULE)")
-            self.assertEqual((child.stdout, child.stderr), ("", IMPORT_MESSAGE))
+            self.assertEqual((child.stdout, child.stderr), ("", BARE_MODULE_MESSAGE))
 
     def test_the_import_switches_no_monitoring_on(self):
         run_python("""

@@ -3,14 +3,14 @@
 Each test runs in a process of its own, since binding happens once in a process.
 """
 
+import os
+import shutil
 import sys
+import tempfile
 import textwrap
 import unittest
 
-from support import run_python
-
-IS_DESCRIBED = sys.version_info < (3, 15)
-BINDING_MESSAGE = "" if IS_DESCRIBED else "Cannot find tstate fields for this python version\n"
+from support import BARE_MODULE_MESSAGE, PACKAGE_DIR, HostPackage, run_python
 
 # The built module as a native library, before any import of it.
 LOAD = """
@@ -30,7 +30,7 @@ class NativeBinding(unittest.TestCase):
     def check(self, program):
         """Runs a program that ends well and has nothing to complain of; returns its output lines."""
         process = run_python(LOAD + textwrap.dedent(program))
-        self.assertEqual(process.stderr, BINDING_MESSAGE)
+        self.assertEqual(process.stderr, "")
         return process.stdout.splitlines()
 
     def test_an_import_says_nothing_and_binds(self):
@@ -125,6 +125,107 @@ class NativeBinding(unittest.TestCase):
             library.XPy_SetDPrintfMask.argtypes = [ctypes.c_long]
             assert library.XPy_SetDPrintfMask(1023) == 84
             assert library.XPy_SetDPrintfMask(84) == 1023
+        """)
+
+
+class LaterVersions(unittest.TestCase):
+    """What is said where the interpreter is later than the tables, and how a package has it left unsaid."""
+
+    LOAD = """
+import ctypes, importlib, os
+library = ctypes.PyDLL(os.path.join(importlib.import_module(HOST).__path__[0], "xoptmonitoring.so"))
+quiet = library.XPy_SetQuietAboutLaterVersions
+status_words = (ctypes.c_int32 * 10).in_dll(library, "global_XPy_C_API_Data")
+"""
+
+    def run_in_host(self, program):
+        """What a program, under a package that asks for nothing, writes to standard error."""
+        with HostPackage() as host:
+            return host.run_python(self.LOAD + textwrap.dedent(program)).stderr
+
+    def copy_package(self):
+        folder = tempfile.mkdtemp(prefix="xo-package-")
+        self.addCleanup(shutil.rmtree, folder)
+        for name in ("vorntracer", "vornbase"):
+            shutil.copytree(os.path.join(PACKAGE_DIR, name), os.path.join(folder, name))
+        return folder, os.path.join(folder, "vorntracer", "xoptmonitoring.so")
+
+    def test_the_bare_module_says_so(self):
+        self.assertEqual(self.run_in_host("importlib.import_module(MODULE)"), BARE_MODULE_MESSAGE)
+
+    def test_a_call_before_the_import_has_it_left_unsaid(self):
+        self.assertEqual(self.run_in_host("""
+            assert quiet(1) == 0
+            assert status_words[0] == 0, "that does not bind"
+            importlib.import_module(MODULE)
+            assert status_words[0] == 1
+        """), "")
+
+    def test_the_call_can_be_taken_back(self):
+        self.assertEqual(self.run_in_host("""
+            assert [quiet(1), quiet(2), quiet(0), quiet(0)] == [0, 1, 2, 0]
+            importlib.import_module(MODULE)
+        """), BARE_MODULE_MESSAGE)
+
+    def test_a_call_after_the_import_changes_nothing(self):
+        self.assertEqual(self.run_in_host("""
+            module = importlib.import_module(MODULE)
+            assert quiet(1) == 0
+            assert importlib.import_module(MODULE) is module
+        """), BARE_MODULE_MESSAGE)
+
+    def test_the_failure_of_an_import_is_told_all_the_same(self):
+        self.assertEqual(self.run_in_host("""
+            quiet(1)
+            library.XPy_DbgSetFailOnImport(1)
+            try:
+                importlib.import_module(MODULE)
+            except ImportError as error:
+                assert str(error) == "Unable to init XPy", error
+            else:
+                raise AssertionError("imported")
+        """), "")
+
+    def test_the_shipped_package_writes_nothing(self):
+        for statement in ("from vorntracer import xoptmonitoring", "import vorntracer.xoptmonitoring",
+                          "import vorntracer.tracer", "import vorntracer.demo"):
+            with self.subTest(statement):
+                child = run_python(statement)
+                self.assertEqual((child.stdout, child.stderr), ("", ""))
+
+    def test_the_shipped_package_can_be_imported_without_the_module_and_the_module_then_not(self):
+        folder, module_file = self.copy_package()
+        for damage in (lambda: None, lambda: os.remove(module_file)):
+            with open(module_file, "wb") as file:
+                file.write(b"no library")
+            damage()
+            child = run_python("""
+                import vorntracer
+                try:
+                    from vorntracer import xoptmonitoring
+                except ImportError as error:
+                    assert "xoptmonitoring" in str(error), error
+                else:
+                    raise AssertionError("imported")
+            """, paths=[folder])
+            self.assertEqual((child.stdout, child.stderr), ("", ""))
+
+    def test_the_shipped_package_imports_a_module_that_does_not_know_the_call(self):
+        folder, module_file = self.copy_package()
+        with open(module_file, "rb") as file:
+            image = file.read()
+        with open(module_file, "wb") as file:
+            file.write(image.replace(b"XPy_SetQuietAboutLaterVersions", b"XPy_SetAnythingButThatVersions"))
+        child = run_python("from vorntracer import xoptmonitoring", paths=[folder])
+        self.assertEqual((child.stdout, child.stderr), ("", BARE_MODULE_MESSAGE))
+
+    @unittest.skipIf(sys.version_info >= (3, 15), "this version is later than the tables")
+    def test_the_shipped_package_imports_nothing_more_where_there_is_nothing_to_be_said(self):
+        run_python("""
+            import sys
+            before = set(sys.modules)
+            import vorntracer
+            assert set(sys.modules) - before == {"vorntracer"}, set(sys.modules) - before
         """)
 
 

@@ -80,9 +80,13 @@ class WithoutAScript(DemoCase):
         case = cls("run_demo")
         case.setUp()
         try:
-            cls.output = case.run_demo().stdout
+            done = case.run_demo()
+            cls.output, cls.errors = done.stdout, done.stderr
         finally:
             case.doCleanups()
+
+    def test_it_has_nothing_to_complain_of(self):
+        self.assertEqual(self.errors, "")
 
     def test_it_stops_in_library_code_and_shows_the_line_as_it_stands_in_the_file(self):
         stops = self.stops_in(self.output)

@@ -28,6 +28,8 @@ namespace {
 std::int32_t gForkHandlerRegistered = 0;
 /// The test switch of XPy_DbgSetFailOnImport.
 std::int32_t gFailOnImport = 0;
+/// What XPy_SetQuietAboutLaterVersions has set.
+std::int32_t gQuietAboutLaterVersions = 0;
 
 constexpr std::size_t kUnicodeNameSize = 4096;
 
@@ -416,6 +418,14 @@ int XPy_PyObjectsEqual(PyObject* a, PyObject* b) {
 
 int XPy_DbgSetFailOnImport(int fail) {
     return std::exchange(gFailOnImport, fail);
+}
+
+int XPy_SetQuietAboutLaterVersions(int quiet) {
+    return std::exchange(gQuietAboutLaterVersions, quiet);
+}
+
+bool tells_of_later_versions() {
+    return gQuietAboutLaterVersions == 0;
 }
 
 PyThreadState* XPy_CurrentThreadStateOrNull() {

@@ -111,6 +111,9 @@ inline bool is_free_threaded() {
     return xpy.pyobject_offsets.mutex != -1;
 }
 
+/// Whether a person is told what follows from the interpreter's being later than the layout tables.
+bool tells_of_later_versions();
+
 /// Raises ImportError "Unable to init XPy", unless an exception is pending or the interpreter cannot raise
 /// one.
 void raise_unable_to_init();

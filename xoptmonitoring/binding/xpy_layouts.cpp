@@ -146,7 +146,9 @@ void learn_cframe_fields() {
 void learn_tstate_fields() {
     const XPy_FieldWithSize* table = select_tstate_fields();
     if (table == nullptr) {
-        std::fputs("Cannot find tstate fields for this python version\n", stderr);
+        if (tells_of_later_versions()) {
+            std::fputs("Cannot find tstate fields for this python version\n", stderr);
+        }
         return;
     }
     XPyThreadStateOffsets& tstate = xpy.tstate_offsets;
