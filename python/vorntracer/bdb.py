@@ -23,8 +23,10 @@ As with `sys.settrace`, a debugger has the thread on which it was started, and t
 """
 
 import bdb
+import ctypes
 import inspect
 import sys
+import threading
 
 from . import events
 from .events import engine
@@ -60,6 +62,7 @@ class BdbFollower(events.Follower):
         self.trace = trace
         self.asks_for_calls = _is_any_overridden(debugger, _ABOUT_CALLS)
         self._wants_everything = _is_any_overridden(debugger, _ABOUT_EVERYTHING)
+        self.may_skip_false_conditions = not self._wants_everything and not _is_any_overridden(debugger, ("stop_here",))
         # The wishes that the engine knows, as the debugger's attributes of these names were.
         self._stopframe = self._returnframe = self._stoplineno = self._trace_opcodes = None
         self._is_stopframe_generator = False
@@ -125,6 +128,13 @@ class BdbFollower(events.Follower):
         return result is not None
 
     def line(self, frame, code, lineno, place):
+        if not self.is_stepping and frame is not self._stopframe:
+            lines = place.lines
+            if lineno not in lines:
+                return False
+            guard = lines[lineno]
+            if guard is not None and guard.follows(self) and guard.is_false(frame):
+                return True
         trace = frame.f_trace
         if trace is None or trace is not self.trace and not self._owns(trace):
             # Nobody asked about the call, or another tracer took the frame: breakpoints count all the same.
@@ -133,8 +143,6 @@ class BdbFollower(events.Follower):
             if trace is None:
                 frame.f_trace = self.trace
             trace = self.trace
-        elif not self.is_stepping and lineno not in place.lines and frame is not self._stopframe:
-            return False
         if frame.f_trace_lines:
             self._send(trace, frame, "line", None)
             if place.are_lines_provisional:
@@ -185,6 +193,26 @@ class BdbFollower(events.Follower):
         return result
 
 
+class _CopyingFollower(BdbFollower):
+    """Before 3.13 `f_locals` is a copy of a function's variables, and what is assigned there has to be written back."""
+
+    def _send(self, trace, frame, event, argument):
+        frame.f_locals  # the copy is made anew: an older one would overwrite what has changed since
+        try:
+            return super()._send(trace, frame, event, argument)
+        finally:
+            _write_back(frame, 1)
+
+
+if sys.version_info < (3, 13):
+    _write_back = ctypes.pythonapi.PyFrame_LocalsToFast
+    _write_back.argtypes = (ctypes.py_object, ctypes.c_int)
+    _write_back.restype = None
+    _Follower = _CopyingFollower
+else:
+    _Follower = BdbFollower
+
+
 def settrace(trace):
     """What `sys.settrace` does, for a `Bdb`'s trace function: follow the calling thread with it; None ends that."""
     if trace is None:
@@ -196,7 +224,7 @@ def settrace(trace):
 
 
 def _start(debugger, trace):
-    follower = BdbFollower(debugger, trace)
+    follower = _Follower(debugger, trace)
     engine.follow(follower)
     follower.look_at_wishes(sys._getframe(1))
 
@@ -224,6 +252,63 @@ class _EngineTracer:
 
     def restart_events(self):
         """Nothing to do: the engine brings back by itself what has become interesting."""
+
+
+_decided = threading.local()  # condition, outcome: what `_Guard` found out just before it lets a debugger decide
+
+
+def _evaluate(condition, module_globals, local_names):
+    """Evaluate a breakpoint's condition: in the place of `eval` in the interpreter's `effective`."""
+    outcome = getattr(_decided, "outcome", None)
+    if outcome is not None:
+        _decided.outcome = None
+        decided, value, exception = outcome
+        if decided is condition:
+            if exception is not None:
+                raise exception
+            return value
+    return eval(condition, module_globals, local_names)
+
+
+class _Guard:
+    """The condition of the only breakpoint on a line: compiled once, and evaluated before anything else is done.
+
+    Where it is false, the breakpoint's hit is counted as the interpreter's `effective` counts it, and that is all.
+    Where it is true or fails, the debugger decides as always, with that outcome in the place of a second evaluation.
+    """
+
+    __slots__ = ("debugger", "breakpoint", "condition", "code")
+
+    def __init__(self, debugger, breakpoint):
+        self.debugger = debugger
+        self.breakpoint = breakpoint
+        self.condition = self.code = None
+
+    def follows(self, follower):
+        """Whether this is the follower's debugger's, and that leaves false conditions to us."""
+        return self.debugger is follower.debugger and follower.may_skip_false_conditions
+
+    def is_false(self, frame):
+        breakpoint = self.breakpoint
+        condition = breakpoint.cond
+        if not condition or not breakpoint.enabled:
+            return False
+        value = exception = None
+        try:
+            if condition is not self.condition:
+                self.code = compile(condition, "<condition>", "eval")
+                self.condition = condition
+            value = eval(self.code, frame.f_globals, frame.f_locals)
+            if not value:
+                breakpoint.hits += 1
+                return True
+        except BaseException as error:
+            if events.is_for_the_program(error):
+                raise
+            exception = error
+            self.debugger.condition_failed(breakpoint, error)
+        _decided.outcome = (condition, value, exception)
+        return False
 
 
 _LIST_CHANGES = ("append", "extend", "insert", "remove", "pop", "clear", "__setitem__", "__delitem__", "__iadd__")
@@ -334,9 +419,9 @@ class Bdb(bdb.Bdb):
         filename = self.canonic(code.co_filename)
         linenos = self.breaks.get(filename)
         if not linenos:
-            return set(), False
-        own_lines = {line for _, _, line in code.co_lines() if line is not None}
-        lines = own_lines.intersection(linenos)
+            return {}, False
+        own_lines = dict.fromkeys(line for _, _, line in code.co_lines() if line is not None)
+        lines = {line: self._guard(filename, line) for line in own_lines if line in linenos}
         if code.co_firstlineno in linenos:
             breakpoints = bdb.Breakpoint.bplist.get((filename, code.co_firstlineno))
             if breakpoints is None:
@@ -345,8 +430,18 @@ class Bdb(bdb.Bdb):
                            if breakpoint.funcname and breakpoint.funcname == code.co_name}
             if None in first_lines:
                 return own_lines, True
-            lines |= first_lines
+            lines.update(dict.fromkeys(first_lines))
         return lines, False
+
+    def _guard(self, filename, lineno):
+        """What decides about the breakpoint on a line, if it is the only one there and no function's."""
+        breakpoints = bdb.Breakpoint.bplist.get((filename, lineno), ())
+        if len(breakpoints) != 1 or breakpoints[0].funcname:
+            return None
+        return _Guard(self, breakpoints[0])
+
+    def condition_failed(self, breakpoint, exception):
+        """Called when a breakpoint's condition has raised an exception; the debugger stops there."""
 
 
 # Before 3.14, `start_trace` and `stop_trace` are not there and methods call `sys.settrace` themselves.
@@ -354,6 +449,10 @@ _globals = OverlaidGlobals(bdb, {"sys": sys_with(settrace), "__name__": __name__
 if not hasattr(bdb.Bdb, "start_trace"):
     for _name, _function in functions_naming(bdb.Bdb, {"settrace"}):
         setattr(Bdb, _name, rebind(_function, _globals))
+
+# Conditions are evaluated in `effective`, which `break_here` calls.
+_effective = rebind(bdb.effective, OverlaidGlobals(bdb, {"eval": _evaluate, "__name__": __name__}))
+Bdb.break_here = rebind(bdb.Bdb.break_here, OverlaidGlobals(bdb, {"effective": _effective, "__name__": __name__}))
 
 BdbQuit = bdb.BdbQuit
 Breakpoint = bdb.Breakpoint

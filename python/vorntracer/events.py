@@ -35,6 +35,7 @@ without it: entries of dictionaries are replaced as a whole. A follower lives as
 
 import dis
 import os
+import signal
 import sys
 import threading
 import weakref
@@ -74,7 +75,7 @@ _WHILE_STEPPING = _THROW
 _TOOL_IDS = (4, 3, _monitoring.DEBUGGER_ID)
 _TOOL_NAME = "vorntracer"
 
-_NO_LINES = frozenset()
+_NO_LINES = {}
 
 
 class _QuietLock:
@@ -105,7 +106,9 @@ class Place:
     def __init__(self, code, code_ref):
         self.code_ref = code_ref
         self.filename = code.co_filename
-        self.lines = _NO_LINES  # line numbers that some debugger wants to be asked about
+        # Line numbers that some debugger wants to be asked about, each with what that has to say of it: the debugger's
+        # own object, or None. Replaced as a whole.
+        self.lines = _NO_LINES
         self.are_lines_provisional = False  # they are to be asked for again after an event
         self.watchers = 0  # how many followers watch frames that run it
         self.opcode_watchers = 0
@@ -421,19 +424,20 @@ class Engine:
             code = place.code_ref()
             if code is None:
                 continue
-            lines, is_provisional = set(), False
+            lines, is_provisional = {}, False
             for debugger in debuggers:
                 found, provisional = debugger.lines_of_interest(code)
-                lines |= found
+                for line, note in found.items():
+                    lines[line] = None if line in lines else note
                 is_provisional |= provisional
             self._set_lines(place, code, lines, is_provisional)
 
     def _set_lines(self, place, code, lines, is_provisional):
         place.are_lines_provisional = is_provisional
-        if lines == place.lines:
+        if not lines and not place.lines:
             return
-        has_new_lines = not lines <= place.lines
-        place.lines = frozenset(lines)
+        has_new_lines = not lines.keys() <= place.lines.keys()
+        place.lines = lines
         self._settle(place, code, has_new_lines)
         if has_new_lines and self._calm is not None and self._are_starts_off and place.starts_line(code) in lines:
             self.restart()
@@ -629,6 +633,24 @@ class Engine:
                 self.changed()
         finally:
             self.lock.__exit__()
+
+
+def is_for_the_program(exception):
+    """Whether an exception that came out of code which the debugger ran is meant for the program.
+
+    That is one which a signal's handler has raised: the signal came to the program, and only happened to find a
+    callback at work.
+    """
+    if isinstance(exception, KeyboardInterrupt):
+        return True
+    handlers = {id(getattr(signal.getsignal(number), "__code__", None)) for number in signal.valid_signals()}
+    handlers.discard(id(None))
+    entry = exception.__traceback__
+    while entry is not None:
+        if id(entry.tb_frame.f_code) in handlers:
+            return True
+        entry = entry.tb_next
+    return False
 
 
 def internal_pathnames():
