@@ -32,7 +32,7 @@ from . import events
 from .events import engine
 from .rebinding import OverlaidGlobals, functions_naming, rebind, sys_with
 
-_OWN_MODULES = {"bdb", "pdb", __name__, __package__ + ".pdb"}
+_OWN_MODULES = {"bdb", "pdb", __name__, __package__ + ".pdb", __package__ + ".session"}
 
 #: Overridden, these may want to see calls of functions in which no stop is expected.
 _ABOUT_CALLS = ("user_call", "dispatch_call", "stop_here", "break_anywhere")
@@ -68,6 +68,10 @@ class BdbFollower(events.Follower):
         self._is_stopframe_generator = False
 
     # What the debugger wishes for
+
+    def runs_on(self, outermost):
+        """The debugger wishes for nothing but breakpoints, as after `set_continue` with this for its `botframe`."""
+        self._stopframe, self._returnframe, self._stoplineno, self._trace_opcodes = outermost, None, -1, False
 
     def look_at_wishes(self, frame):
         """Work out what the debugger wishes for, and tell the engine. `frame` is the thread's innermost one."""
@@ -149,7 +153,7 @@ class BdbFollower(events.Follower):
                 engine.find_lines_again(place)
         return True
 
-    def leave(self, frame, place, value):
+    def leave(self, frame, place, value, event):
         trace = frame.f_trace
         if trace is None or not self._owns(trace):
             return
@@ -194,10 +198,15 @@ class BdbFollower(events.Follower):
 
 
 class _CopyingFollower(BdbFollower):
-    """Before 3.13 `f_locals` is a copy of a function's variables, and what is assigned there has to be written back."""
+    """Before 3.13 `f_locals` is a copy of a function's variables, and what is assigned there has to be written back.
+
+    `sys.settrace` does that after each call of a trace function, if `f_locals` was looked at since the last time. A copy
+    that somebody else looked at before is made anew first: it would overwrite what has changed since.
+    """
 
     def _send(self, trace, frame, event, argument):
-        frame.f_locals  # the copy is made anew: an older one would overwrite what has changed since
+        if _has_copy(frame):
+            frame.f_locals
         try:
             return super()._send(trace, frame, event, argument)
         finally:
@@ -208,6 +217,30 @@ if sys.version_info < (3, 13):
     _write_back = ctypes.pythonapi.PyFrame_LocalsToFast
     _write_back.argtypes = (ctypes.py_object, ctypes.c_int)
     _write_back.restype = None
+
+    class _FrameOf312(ctypes.Structure):
+        """`struct _frame` of 3.12, after the object's header, as far as it is needed."""
+
+        _fields_ = [("f_back", ctypes.c_void_p), ("f_frame", ctypes.c_void_p), ("f_trace", ctypes.c_void_p),
+                    ("f_lineno", ctypes.c_int), ("f_trace_lines", ctypes.c_char), ("f_trace_opcodes", ctypes.c_char),
+                    ("f_fast_as_locals", ctypes.c_char)]
+
+    _HEADER_SIZE = object.__basicsize__
+
+    def _has_copy(frame):
+        return _FrameOf312.from_address(id(frame) + _HEADER_SIZE).f_fast_as_locals != b"\0"
+
+    def _is_layout_known():
+        frame = sys._getframe()
+        before = _has_copy(frame)
+        frame.f_locals
+        return not before and _has_copy(frame)
+
+    if not _is_layout_known():
+
+        def _has_copy(frame):
+            return True
+
     _Follower = _CopyingFollower
 else:
     _Follower = BdbFollower
@@ -218,15 +251,20 @@ def settrace(trace):
     if trace is None:
         follower = engine.follower()
         if follower is not None:
-            engine.unfollow(follower)
+            _stop(follower.debugger) if follower.debugger.adopt_thread is not None else engine.unfollow(follower)
     else:
         _start(trace.__self__, trace)
 
 
 def _start(debugger, trace):
-    follower = _Follower(debugger, trace)
+    follower = debugger.make_follower(trace)
     engine.follow(follower)
     follower.look_at_wishes(sys._getframe(1))
+
+
+def _stop(debugger):
+    for follower in engine.followers_of(debugger):
+        engine.unfollow(follower)
 
 
 class _EngineTracer:
@@ -239,8 +277,7 @@ class _EngineTracer:
         _start(self._debugger, trace)
 
     def stop_trace(self):
-        for follower in engine.followers_of(self._debugger):
-            engine.unfollow(follower)
+        _stop(self._debugger)
 
     def update_local_events(self, frame=None):
         for follower in engine.followers_of(self._debugger):
@@ -267,7 +304,23 @@ def _evaluate(condition, module_globals, local_names):
             if exception is not None:
                 raise exception
             return value
-    return eval(condition, module_globals, local_names)
+    value = eval(condition, module_globals, local_names)
+    if type(condition) is LogPoint:
+        condition.write(value)
+        return False
+    return value
+
+
+class LogPoint(str):
+    """In the place of a breakpoint's condition: an expression whose value is written down, and no stop.
+
+    An f-string, mostly. `write` is called with the value.
+    """
+
+    def __new__(cls, expression, write):
+        point = super().__new__(cls, expression)
+        point.write = write
+        return point
 
 
 class _Guard:
@@ -299,12 +352,19 @@ class _Guard:
                 self.code = compile(condition, "<condition>", "eval")
                 self.condition = condition
             value = eval(self.code, frame.f_globals, frame.f_locals)
+            if type(condition) is LogPoint:
+                condition.write(value)
+                value = False
             if not value:
                 breakpoint.hits += 1
                 return True
         except BaseException as error:
             if events.is_for_the_program(error):
                 raise
+            if type(condition) is LogPoint:
+                condition.write("(log point {} failed: {}: {})".format(
+                    breakpoint.number, type(error).__name__, error))
+                return True
             exception = error
             self.debugger.condition_failed(breakpoint, error)
         _decided.outcome = (condition, value, exception)
@@ -406,12 +466,21 @@ class Bdb(bdb.Bdb):
 
     # What the engine asks
 
+    #: Called on a thread that nobody follows, in a callback, and returns its follower: for a debugger of all threads.
+    adopt_thread = None
+
+    def make_follower(self, trace):
+        """Return what follows a thread for this debugger, with its trace function."""
+        return _Follower(self, trace)
+
     def has_lines_in(self, filename):
         """Whether there are breakpoints in a file, by the name that code objects have."""
         return self.canonic(filename) in self.breaks
 
     def lines_of_interest(self, code):
         """Return the lines of a code object that may have breakpoints, and whether to ask again after an event.
+
+        Each line has its `_Guard`, or None.
 
         A breakpoint may be set on a function by its name. The line on which it stops is then the first one that runs,
         and is known when that has run.

@@ -101,7 +101,7 @@ class Place:
     """What is known of one code object. Found by identity: different code objects with equal contents are equal."""
 
     __slots__ = ("code_ref", "filename", "lines", "are_lines_provisional", "watchers", "opcode_watchers", "events",
-                 "dimmed_in", "_jump_lines", "_starts_line")
+                 "is_internal", "dimmed_in", "_jump_lines", "_starts_line")
 
     def __init__(self, code, code_ref):
         self.code_ref = code_ref
@@ -113,6 +113,7 @@ class Place:
         self.watchers = 0  # how many followers watch frames that run it
         self.opcode_watchers = 0
         self.events = 0  # those that are switched on in the code object
+        self.is_internal = place_is_internal(code)
         self.dimmed_in = -1  # the epoch in which one of its lines was answered DISABLE
         self._jump_lines = {}  # offsets of a jump -> its line, if it stays on that and goes back, or else None
         self._starts_line = None
@@ -169,7 +170,7 @@ class Follower:
     asks_for_calls = False  # whether `enter` is to be called for frames of which nothing is known
 
     def __init__(self, debugger):
-        self.debugger = debugger
+        self.debugger = debugger  # has `lines_of_interest`, `has_lines_in` and `adopt_thread`, see vorntracer.bdb.Bdb
         self.watched = {}  # id of a code object -> (its Place, whether INSTRUCTION is wanted)
 
     def enter(self, frame, code, place):
@@ -180,7 +181,7 @@ class Follower:
         """A line is about to run: LINE, or JUMP back on one line."""
         raise NotImplementedError
 
-    def leave(self, frame, place, value):
+    def leave(self, frame, place, value, event):
         """A frame ends, or a generator's is suspended: PY_RETURN, PY_YIELD, PY_UNWIND, which has None for a value."""
         raise NotImplementedError
 
@@ -207,13 +208,17 @@ class Engine:
         self._calm = None
         self._are_starts_off = False
         self._has_lost = False  # a followed thread has ended
+        self._adopt_thread = None  # makes the follower of a thread that has none, for a debugger that wants them all
+        self._holder_id = None  # the thread for which all others are held
+        self._held = {}  # held thread -> its fSuspendLock, which we have
+        self.follows_forks = True  # whether forked children are debugged as well
         self._epoch = 0  # how often `restart_events` was called
         self._callbacks = {
             _START: xo.CInitialCallback(_START, self._on_start, True),
             _RESUME: xo.CInitialCallback(_RESUME, self._on_start, True),
             _LINE: xo.CInitialCallback(_LINE, self._on_line, True),
-            _RETURN: xo.CInitialCallback(_RETURN, self._on_leave, True),
-            _YIELD: xo.CInitialCallback(_YIELD, self._on_leave, True),
+            _RETURN: xo.CInitialCallback(_RETURN, self._on_return, True),
+            _YIELD: xo.CInitialCallback(_YIELD, self._on_yield, True),
         }
         # Kept for good: the interpreter does not keep a callback alive while it calls it.
         self._registered = {event: first_stage.Callback for event, first_stage in self._callbacks.items()}
@@ -224,7 +229,7 @@ class Engine:
         self._registered[_RAISE] = self._on_raise
         self._registered[_STOP_ITERATION] = self._on_stop_iteration
         self._registered[_INSTRUCTION] = self._on_instruction
-        for second_stage in (Engine._on_start, Engine._on_line, Engine._on_leave):
+        for second_stage in (Engine._on_start, Engine._on_line, Engine._on_return, Engine._on_yield):
             # A follower's exceptions are its answer, and a signal's handler may raise anywhere.
             dlog.LetPassFrom(second_stage)
 
@@ -265,6 +270,16 @@ class Engine:
     def _all_followers(self):
         followers = [reference() for reference in list(self._followers)]
         return [follower for follower in followers if follower is not None]
+
+    def _adopt(self):
+        """Let the debugger that wants every thread have this one, which nobody follows."""
+        with self.lock:
+            if self._adopt_thread is None:
+                return None
+            follower = self._adopt_thread()
+            self._local.follower = follower
+            self._followers.append(weakref.ref(follower, self._lost))
+            return follower
 
     def _forget(self, follower):
         """Take a follower out; returns whether it was in."""
@@ -324,6 +339,8 @@ class Engine:
         _monitoring.free_tool_id(self.tool_id)
         self.tool_id = None
         self._calm = None
+        self._adopt_thread = None
+        self.release_others()
 
     def changed(self):
         """Work out anew what is on everywhere, and bring back what was switched off and is wanted now."""
@@ -333,8 +350,11 @@ class Engine:
         if not followers:
             self._stop()
             return
-        is_stepping = any(follower.is_stepping for follower in followers)
-        events = _EVERYWHERE
+        self._adopt_thread = next((debugger.adopt_thread for debugger in self._debuggers()
+                                   if debugger.adopt_thread is not None), None)
+        is_holding = self._holder_id is not None
+        is_stepping = any(follower.is_stepping for follower in followers) or is_holding
+        events = _EVERYWHERE | (_LINE if is_holding else 0)
         if is_stepping:
             events |= _WHILE_STEPPING | _WHILE_WATCHING
         elif any(follower.watched for follower in followers):
@@ -342,7 +362,7 @@ class Engine:
         self._calm = None if is_stepping else object()
         if events != _monitoring.get_events(self.tool_id):
             _monitoring.set_events(self.tool_id, events)
-        if is_stepping and self._are_starts_off:
+        if is_holding or is_stepping and self._are_starts_off:
             self.restart()
 
     def restart(self):
@@ -391,9 +411,10 @@ class Engine:
             if place is None:
                 key = id(code)
                 place = Place(code, weakref.ref(code, lambda reference: self._code_died(key, reference)))
-                self._places_by_filename.setdefault(place.filename, {})[key] = place
-                self._places[key] = place
                 self._find_lines([place], self._debuggers())
+                self._places_by_filename.setdefault(place.filename, {})[key] = place
+                # Last: a thread that finds it runs on, and takes its events to be on.
+                self._places[key] = place
             return place
 
     def _code_died(self, key, reference):
@@ -516,6 +537,8 @@ class Engine:
         """A frame begins, or a generator's frame goes on."""
         calm = self._calm
         follower = getattr(self._local, "follower", None)
+        if follower is None and self._adopt_thread is not None:
+            follower = self._adopt()
         place = self._places.get(id(code))
         if place is None:
             place = self._meet(code)
@@ -535,6 +558,8 @@ class Engine:
     def _on_line(self, code, lineno):
         calm = self._calm
         follower = getattr(self._local, "follower", None)
+        if follower is None and self._adopt_thread is not None:
+            follower = self._adopt()
         place = self._places.get(id(code))
         if place is None:
             place = self._meet(code)
@@ -571,7 +596,20 @@ class Engine:
         place.dimmed_in = self._epoch
         return _DISABLE if calm is self._calm else None
 
-    def _on_leave(self, code, offset, value):
+    def _on_return(self, code, offset, value):
+        place = self._watched_place(code)
+        if place is not None:
+            self._local.follower.leave(_getframe(1), place, value, _RETURN)
+        return None
+
+    def _on_yield(self, code, offset, value):
+        place = self._watched_place(code)
+        if place is not None:
+            self._local.follower.leave(_getframe(1), place, value, _YIELD)
+        return None
+
+    def _watched_place(self, code):
+        """The Place of a code object that the thread's follower watches; None for others, which need no such events."""
         place = self._places.get(id(code))
         follower = getattr(self._local, "follower", None)
         if place is None or follower is None:
@@ -580,22 +618,22 @@ class Engine:
             with self.lock:
                 if not place.watchers and self.tool_id is not None:
                     self._settle(place, code)
-        elif id(code) in follower.watched:
-            follower.leave(_getframe(1), place, value)
-        return None
+        return place if id(code) in follower.watched else None
 
     # Events that the first stage does not know. An exception goes to the program by itself.
 
     def _on_throw(self, code, offset, exception):
         follower = getattr(self._local, "follower", None)
         if follower is not None and (follower.is_stepping or follower.asks_for_calls):
-            follower.enter(_getframe(1), code, self.place(code))
+            place = self.place(code)
+            if not place.is_internal:  # which the first stage knows by itself
+                follower.enter(_getframe(1), code, place)
         return None
 
     def _on_unwind(self, code, offset, exception):
         follower = getattr(self._local, "follower", None)
         if follower is not None and id(code) in follower.watched:
-            follower.leave(_getframe(1), self.place(code), None)
+            follower.leave(_getframe(1), self.place(code), None, _UNWIND)
         return None
 
     def _on_raise(self, code, offset, exception):
@@ -612,6 +650,51 @@ class Engine:
             follower.opcode(_getframe(1))
         return None
 
+    # Holding threads
+
+    def hold_others(self):
+        """Hold every thread but the calling one at its next event, also threads that start from now on.
+
+        Returns at once: a thread that waits in native code comes to its next event when that lets go of it. No thread
+        is held in the debugger's own code.
+        """
+        with self.lock:
+            if self.tool_id is None or self._holder_id is not None:
+                return
+            self._holder_id = threading.get_ident()
+            xo.CPerThread.SetNewPerThreadCreatedCallback(self._hold)
+            for thread in xo.CPerThread.GetAllPerThreads():
+                self._hold(thread)
+            for initial_callback in self._callbacks.values():
+                initial_callback.fAnySuspendThread = True
+            self.changed()
+
+    def release_others(self):
+        """Let all held threads go on. Returns whether any was to be held."""
+        with self.lock:
+            if self._holder_id is None:
+                return False
+            self._holder_id = None
+            xo.CPerThread.SetNewPerThreadCreatedCallback(None)
+            for initial_callback in self._callbacks.values():
+                initial_callback.fAnySuspendThread = False
+            while self._held:
+                thread, suspend_lock = self._held.popitem()
+                thread.fCheckSuspendLock = False
+                suspend_lock.release()
+            self.changed()
+            return True
+
+    def _hold(self, thread):
+        """Have the first stage block a thread: it passes through the lock that we take here."""
+        with self.lock:
+            suspend_lock = thread.fSuspendLock
+            if (suspend_lock is not None and thread not in self._held
+                    and self._holder_id not in (None, thread.fThreadId)):
+                suspend_lock.acquire()
+                thread.fCheckSuspendLock = True
+                self._held[thread] = suspend_lock
+
     # Forked children
 
     def before_fork(self):
@@ -622,10 +705,11 @@ class Engine:
         self.lock.__exit__()
 
     def after_fork_in_child(self):
-        """Go on in the child with the one thread that it has."""
+        """Go on in the child with the one thread that it has, or stop."""
         try:
             if self.tool_id is not None:
-                this_one = self.follower()
+                self.release_others()
+                this_one = self.follower() if self.follows_forks else None
                 for follower in self._all_followers():
                     if follower is not this_one:
                         self._forget(follower)
@@ -653,10 +737,17 @@ def is_for_the_program(exception):
     return False
 
 
+_INTERNAL_FOLDERS = tuple(os.path.dirname(os.path.abspath(file)) + os.sep for file in (__file__, dlog.__file__))
+
+
+def place_is_internal(code):
+    """Whether a code object is one of the debugger's own."""
+    return code.co_filename.startswith(_INTERNAL_FOLDERS)
+
+
 def internal_pathnames():
     """Return the canonical pathnames of the debugger's own files, whose code is never to be seen."""
-    folders = (os.path.dirname(os.path.abspath(__file__)), os.path.dirname(os.path.abspath(dlog.__file__)))
-    files = [os.path.join(folder, name) for folder in folders for name in sorted(os.listdir(folder))
+    files = [os.path.join(folder, name) for folder in _INTERNAL_FOLDERS for name in sorted(os.listdir(folder))
              if name.endswith(".py")]
     return [xo.get_canonical_pathname(file) for file in files]
 
