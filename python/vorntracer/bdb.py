@@ -181,7 +181,7 @@ class BdbFollower(events.Follower):
         """Call the trace function, and look whether the debugger wishes for something else now."""
         try:
             result = trace(frame, event, argument)
-        except KeyboardInterrupt:
+        except (KeyboardInterrupt, RecursionError):
             raise  # meant for the program, which may go on
         except BaseException:
             # As `sys.settrace` has it: a trace function that fails is not called any more.
@@ -191,6 +191,7 @@ class BdbFollower(events.Follower):
         if result is not None and result != frame.f_trace:
             frame.f_trace = result
         debugger = self.debugger
+        debugger.enterframe = None  # which 3.13.0 leaves set: the frame and all that it has would live on
         if (debugger.stopframe is not self._stopframe or debugger.returnframe is not self._returnframe
                 or debugger.stoplineno != self._stoplineno or debugger.trace_opcodes != self._trace_opcodes):
             self.look_at_wishes(frame)
@@ -210,7 +211,10 @@ class _CopyingFollower(BdbFollower):
         try:
             return super()._send(trace, frame, event, argument)
         finally:
-            _write_back(frame, 1)
+            try:
+                _write_back(frame, 1)
+            except ctypes.ArgumentError:
+                pass  # a RecursionError inside: the program is about to have one of its own
 
 
 if sys.version_info < (3, 13):

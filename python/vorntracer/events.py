@@ -77,6 +77,10 @@ _TOOL_NAME = "vorntracer"
 
 _NO_LINES = {}
 
+#: How many lines of interest a thread may run that nobody follows, until the first stage skips all that it does. Before
+#: that, its places are switched off where nobody has an interest in them, and afterwards none of them is any more.
+_LINES_TO_BE_IGNORED = 200
+
 
 class _QuietLock:
     """A re-entrant lock whose holder raises no monitoring events."""
@@ -211,6 +215,7 @@ class Engine:
         self._adopt_thread = None  # makes the follower of a thread that has none, for a debugger that wants them all
         self._holder_id = None  # the thread for which all others are held
         self._held = {}  # held thread -> its fSuspendLock, which we have
+        self._skipped_thread_ids = set()  # threads that nobody follows and of which the first stage skips everything
         self.follows_forks = True  # whether forked children are debugged as well
         self._epoch = 0  # how often `restart_events` was called
         self._callbacks = {
@@ -244,6 +249,7 @@ class Engine:
         with self.lock:
             self._forget(self.follower())
             self._prune()
+            self._skip_no_thread()
             if self.tool_id is None:
                 self._start()
             self._local.follower = follower
@@ -563,7 +569,10 @@ class Engine:
         place = self._places.get(id(code))
         if place is None:
             place = self._meet(code)
-        if follower is not None and follower.line(_getframe(1), code, lineno, place):
+        if follower is None:
+            if lineno in place.lines:
+                self._count_ignored()
+        elif follower.line(_getframe(1), code, lineno, place):
             return None
         return self._dim(place, code, lineno, calm)
 
@@ -620,6 +629,25 @@ class Engine:
                     self._settle(place, code)
         return place if id(code) in follower.watched else None
 
+    def _count_ignored(self):
+        """A thread that nobody follows runs a line of interest; one that does so often is left to the first stage."""
+        count = getattr(self._local, "ignored", 0) + 1
+        self._local.ignored = count
+        if count == _LINES_TO_BE_IGNORED:
+            self._local.ignored = 0
+            thread = xo.CPerThread.GetPerThread()
+            with self.lock:
+                if thread is not None and thread.fDebugPolicy == 1 and self._holder_id is None:
+                    thread.fDebugPolicy = 0
+                    self._skipped_thread_ids.add(thread.fThreadId)
+
+    def _skip_no_thread(self):
+        """Have every thread's events again, since another thread may be followed or held now."""
+        while self._skipped_thread_ids:
+            thread = xo.CPerThread.GetPerThread(self._skipped_thread_ids.pop(), False)
+            if thread is not None:
+                thread.fDebugPolicy = 1
+
     # Events that the first stage does not know. An exception goes to the program by itself.
 
     def _on_throw(self, code, offset, exception):
@@ -661,6 +689,7 @@ class Engine:
         with self.lock:
             if self.tool_id is None or self._holder_id is not None:
                 return
+            self._skip_no_thread()
             self._holder_id = threading.get_ident()
             xo.CPerThread.SetNewPerThreadCreatedCallback(self._hold)
             for thread in xo.CPerThread.GetAllPerThreads():
