@@ -128,18 +128,42 @@ class Passing(unittest.TestCase):
             signal.signal(signal.SIGUSR1, old_handler)
         self.assertEqual(dlog.GetEntries(), [])
 
-    def test_an_exception_that_was_raised_at_a_declared_functions_first_instruction_passes(self):
-        # What a handler leaves behind that was called there: the frame, and nothing within it.
+    def raised_at_first_instruction(self, error):
+        """The error as a signal's handler leaves it that is called at a declared function's first instruction."""
+
         @dlog.LetPassFrom
         def second_stage():
             return sys._getframe()
 
-        error = KeyboardInterrupt()
         frame = second_stage()
         error.__traceback__ = types.TracebackType(None, frame, 0, frame.f_code.co_firstlineno)
-        with self.assertRaises(KeyboardInterrupt):
-            dlog.LogException(error, True)
+        return error
+
+    def test_an_exception_that_was_raised_at_a_declared_functions_first_instruction_passes(self):
+        with self.assertRaises(InterruptedError):
+            dlog.LogException(self.raised_at_first_instruction(InterruptedError()), True)
         self.assertEqual(dlog.GetEntries(), [])
+
+    def test_an_interrupt_is_found_by_the_program_when_the_callback_has_returned(self):
+        reached = []
+        with self.assertRaises(KeyboardInterrupt) as raised:
+            answer = dlog.LogException(self.raised_at_first_instruction(KeyboardInterrupt()), True)
+            reached.append(answer)
+            for _ in range(1000):
+                pass
+        # Not the one that happened to be raised in the callback, which is forgotten.
+        self.assertEqual(raised.exception.__traceback__.tb_next, None)
+        self.assertEqual(dlog.GetEntries(), [])
+
+    def test_an_interrupt_of_a_handler_of_the_programs_own_passes_as_it_is(self):
+        error = self.raised_at_first_instruction(KeyboardInterrupt())
+        old_handler = signal.signal(signal.SIGINT, lambda number, frame: None)
+        try:
+            with self.assertRaises(KeyboardInterrupt) as raised:
+                dlog.LogException(error, True)
+        finally:
+            signal.signal(signal.SIGINT, old_handler)
+        self.assertIs(raised.exception, error)
 
 
 if __name__ == "__main__":
