@@ -72,7 +72,7 @@ _WHILE_WATCHING = 0 if _EXCEPTIONS_ARE_LOCAL else _EXCEPTION_EVENTS | _THROW
 _WHILE_STEPPING = _THROW
 
 #: In this order. The last one is what `bdb` takes for its own back end.
-_TOOL_IDS = (4, 3, _monitoring.DEBUGGER_ID)
+TOOL_IDS = (4, 3, _monitoring.DEBUGGER_ID)
 _TOOL_NAME = "vorntracer"
 
 _NO_LINES = {}
@@ -99,6 +99,17 @@ class _QuietLock:
     def __exit__(self, *exception):
         self._lock.release()
         xo.AddToThreadStateTracing(-1)
+
+
+def take_tool_id():
+    """Take the first tool id that is free, and return it. Raises ValueError where none is."""
+    for tool_id in TOOL_IDS:
+        try:
+            _monitoring.use_tool_id(tool_id, _TOOL_NAME)
+        except ValueError:
+            continue
+        return tool_id
+    raise ValueError("all tool ids for debuggers are in use: {}".format(", ".join(map(str, TOOL_IDS))))
 
 
 class Place:
@@ -128,20 +139,20 @@ class Place:
         From 3.13 on, with a global lock, such a line raises LINE only while PY_START is on as well (cpython #155992).
         """
         if self._starts_line is None:
-            self._starts_line = _line_shared_with_start(code) or 0
+            self._starts_line = line_shared_with_start(code) or 0
         return self._starts_line or None
 
     def jump_line(self, code, offset, destination):
         """Return the line of a jump back on the same line; None for any other jump."""
         key = (offset, destination)
         if key not in self._jump_lines:
-            line = _line_at(code, offset)
-            stays = line is not None and line == _line_at(code, destination) and destination < offset
+            line = line_at(code, offset)
+            stays = line is not None and line == line_at(code, destination) and destination < offset
             self._jump_lines[key] = line if stays else None
         return self._jump_lines[key]
 
 
-def _line_at(code, offset):
+def line_at(code, offset):
     """The line of an instruction, or None."""
     for start, end, line in code.co_lines():
         if start <= offset < end:
@@ -149,16 +160,25 @@ def _line_at(code, offset):
     return None
 
 
-_RESUME_OPCODE = dis.opmap["RESUME"]
+_shared_lines = weakref.WeakKeyDictionary()  # code object -> line or None; equal ones have equal lines
 
 
-def _line_shared_with_start(code):
-    """The line of the first RESUME, if the instruction after it lies on the same one, or None."""
-    opcodes = code.co_code
-    for offset in range(0, len(opcodes) - 2, 2):
-        if opcodes[offset] == _RESUME_OPCODE:
-            line = _line_at(code, offset)
-            return line if line == _line_at(code, offset + 2) else None
+def line_shared_with_start(code):
+    """The first line of a code object, if a RESUME lies on it and the instruction after that as well; or None."""
+    if code not in _shared_lines:
+        _shared_lines[code] = _find_line_shared_with_start(code)
+    return _shared_lines[code]
+
+
+def _find_line_shared_with_start(code):
+    previous = None
+    for instruction in dis.get_instructions(code):
+        if previous is not None and previous.opname == "RESUME":
+            line = previous.positions.lineno
+            # 3.15 has a RESUME of no line before the one with which a generator expression begins.
+            if line is not None and line == code.co_firstlineno and line == instruction.positions.lineno:
+                return line
+        previous = instruction
     return None
 
 
@@ -319,15 +339,7 @@ class Engine:
 
     def _start(self):
         """Take a tool id, and tell the interpreter whom to call."""
-        for tool_id in _TOOL_IDS:
-            try:
-                _monitoring.use_tool_id(tool_id, _TOOL_NAME)
-                break
-            except ValueError:
-                continue
-        else:
-            raise ValueError("all tool ids for debuggers are in use: {}".format(_TOOL_IDS))
-        self.tool_id = tool_id
+        self.tool_id = tool_id = take_tool_id()
         xo.SetInternalPathnameDict(dict.fromkeys(internal_pathnames()))
         xo.UpdateThisProcessPid()
         for event, callback in self._registered.items():
