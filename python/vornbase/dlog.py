@@ -3,12 +3,13 @@
 The debugger runs inside somebody else's program. What goes wrong in it must neither escape into that program
 nor get lost, so it is written down here: the last entries are kept, and may be shown as they come in.
 
-Some exceptions are no failures and have to get through: the one with which a debugger ends the program, and one
-that a signal's handler raises while a callback of the debugger happens to run, which is meant for the program. There
-are two ways to say so. `LetPass` names one object; `LetPassFrom` names a function that deals with its own failures, so
-that whatever leaves it is meant for the program. An interrupt, as Ctrl-C makes one, that happened to be noticed in such
-a function itself does not even show that: it is made anew for the program to notice. The native module logs what a second stage raises, and an exception
-that the log raises again goes on to the program; so nobody has to replace `LogException`.
+Some exceptions are no failures and have to get through: the one with which a debugger ends the program, and one that
+a signal's handler raises while a callback of the debugger happens to run, which is meant for the program. There are
+two ways to say so. `LetPass` names one object; `LetPassFrom` names a function that deals with its own failures, so
+that whatever leaves it is meant for the program. An interrupt, as Ctrl-C makes one, that happened to be noticed in
+such a function itself does not even show that: it is made anew for the program to notice. The native module logs
+what a second stage raises, and an exception that the log raises again goes on to the program; so nobody has to
+replace `LogException`.
 """
 
 import _thread
@@ -71,9 +72,9 @@ def LetPassFrom(function):
     """Let every exception pass that leaves this Python function, whoever raised it, and return the function.
 
     Also one that a signal's handler raises before the function's first statement, where no `except` of the function's
-    own could name it. A KeyboardInterrupt that the interpreter's own handler has raised there, and not in what the function
-    calls in other files, is not raised again but repeated: the program finds it as soon as the callback has returned,
-    at the place where it would have found it without a debugger.
+    own could name it. A KeyboardInterrupt that the interpreter's own handler has raised there, and not in what the
+    function calls in other files, is not raised again but repeated: the program finds it as soon as the callback has
+    returned, at the place where it would have found it without a debugger.
     """
     code = function.__code__
     _passing_codes[id(code)] = code

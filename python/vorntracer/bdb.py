@@ -201,8 +201,8 @@ class BdbFollower(events.Follower):
 class _CopyingFollower(BdbFollower):
     """Before 3.13 `f_locals` is a copy of a function's variables, and what is assigned there has to be written back.
 
-    `sys.settrace` does that after each call of a trace function, if `f_locals` was looked at since the last time. A copy
-    that somebody else looked at before is made anew first: it would overwrite what has changed since.
+    `sys.settrace` does that after each call of a trace function, if `f_locals` was looked at since the last time. A
+    copy that somebody else looked at before is made anew first: it would overwrite what has changed since.
     """
 
     def _send(self, trace, frame, event, argument):

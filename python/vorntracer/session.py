@@ -260,7 +260,7 @@ class Session(our_pdb.Pdb):
         super().set_return(self._own_frame(frame))
 
     def _own_frame(self, frame):
-        """The frame itself, if it is on the stack of the thread that has the prompt; else that thread's innermost one."""
+        """The frame itself, if it is on the stack of the thread with the prompt; else that thread's innermost one."""
         own = self._stopped_frame
         while own is not None and own is not frame:
             own = own.f_back
@@ -347,8 +347,8 @@ class Session(our_pdb.Pdb):
     def do_log(self, arg):
         """log location "text {expression}" [, condition]
 
-        Write the text each time when the location is reached, and do not stop there. What is in braces is evaluated as in
-        an f-string. The location is one that `break` takes. A log point is a breakpoint in every other way: it has
+        Write the text each time when the location is reached, and do not stop there. What is in braces is evaluated as
+        in an f-string. The location is one that `break` takes. A log point is a breakpoint in every other way: it has
         a number, and `disable`, `clear` and `ignore` are for it as well.
         """
         location, _, rest = arg.partition(" ")

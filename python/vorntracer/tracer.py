@@ -296,7 +296,8 @@ class Tracer:
         thread_end_modules = (weakref, _weakrefset, threading)
         files = [getattr(module, "__file__", None) for module in own_modules + thread_end_modules]
         files.extend(self._internal_files)
-        return events.internal_pathnames() + [xo.get_canonical_pathname(os.fspath(file)) for file in files if file is not None]
+        pathnames = [xo.get_canonical_pathname(os.fspath(file)) for file in files if file is not None]
+        return events.internal_pathnames() + pathnames
 
     def _meet_running_code(self):
         """Meet what is running already: it will raise no event of its start any more.
@@ -581,7 +582,8 @@ class Tracer:
             # It is suspended at an `await`, and hands out nothing that anybody is to see. A step over goes on when it
             # does.
             thread = xo.CPerThread.GetPerThread()
-            if not thread.fStopAtNextLine and thread.fStopFrame is not None and thread.fStopFrame is thread.fReturnFrame:
+            is_step_over = thread.fStopFrame is not None and thread.fStopFrame is thread.fReturnFrame
+            if is_step_over and not thread.fStopAtNextLine:
                 return
         self._on_leave(Reason.YIELD, value)
 

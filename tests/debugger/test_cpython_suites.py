@@ -1,4 +1,4 @@
-"""The interpreter's own tests of `bdb` and `pdb`, as they are, with vorntracer's classes in the place of the stock ones.
+"""The interpreter's own tests of `bdb` and `pdb`, as they are, with vorntracer's classes in place of the stock ones.
 
 They are run from where the interpreter has them. The debuggers that they start in other processes are ours, too.
 """

@@ -1,4 +1,4 @@
-"""The interpreter's own tests as programs: they end as they end without a debugger, with breakpoints all over a library.
+"""The interpreter's own tests as programs: they end as without a debugger, with breakpoints all over a library.
 
 Each module is run twice in a process of its own, once as it is and once under `vorntracer.bdb.Bdb` with breakpoints on
 every seventh line of eight library modules.
@@ -71,7 +71,7 @@ for _name in _MODULES:
     if not _has(_name):
         _test = unittest.skip("this interpreter has no test." + _name)(_test)
     elif _name == "test_queue" and not getattr(sys, "_is_gil_enabled", lambda: True)():
-        _test = unittest.skip("without a global lock its threads hand one lock around, for minutes if it is slowed")(_test)
+        _test = unittest.skip("without a global lock its threads hand one lock around, for minutes if slowed")(_test)
     setattr(SameResults, "test_{}_ends_as_without_a_debugger".format(_name.replace(".", "_")), _test)
 
 

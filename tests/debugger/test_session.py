@@ -375,8 +375,8 @@ class BreakpointsInThePrograms(SessionCase):
         self.assertNotIn("kill the process", output)
 
     def test_pdb_set_trace_stops_in_the_running_session(self):
-        output = self.debug("import pdb\nvalue = 5\npdb.set_trace()\nvalue = 6\nvalue = 7\n", "b 5", "c", "p value", "c",
-                            "p value", "q")
+        output = self.debug("import pdb\nvalue = 5\npdb.set_trace()\nvalue = 6\nvalue = 7\n", "b 5", "c", "p value",
+                            "c", "p value", "q")
         self.assertEqual(re.findall(r"(?m)^\d$", output), ["5", "6"])
 
     def test_the_environment_variable_names_our_set_trace(self):

@@ -1,7 +1,7 @@
 """Where a program stops under `vorntracer.bdb.Bdb` is where it stops under the interpreter's `bdb.Bdb`.
 
-The interpreter's, with `sys.settrace`, is asked for each awkward script and each way of going on, and so is ours; the two
-lists of stops have to be equal, line by line.
+The interpreter's, with `sys.settrace`, is asked for each awkward script and each way of going on, and so is ours; the
+two lists of stops have to be equal, line by line.
 """
 
 import os
