@@ -641,6 +641,7 @@ class Tracer:
             if frame is None:
                 self._end_step(thread)
                 return
+            was_into, old_step = thread.fStopAtNextLine, self._steps.get(thread)
             is_into = command is Command.STEP_INTO
             is_stop_frame = command in (Command.STEP_OVER, Command.STEP_OUT)
             thread.fSteppingEventsNeeded = is_into
@@ -649,7 +650,11 @@ class Tracer:
             thread.fReturnFrame = frame
             record = self._situate(frame)
             self._replace_step(thread, {record} if is_into or is_stop_frame else set(), record)
-            self._rouse()
+            # Nothing was switched off while the thread stepped into everything, nor in the code object in which it
+            # steps already.
+            is_same_step = not was_into and not is_into and old_step == self._steps.get(thread)
+            if not is_same_step and not (was_into and is_into):
+                self._rouse()
 
     def _end_step(self, thread):
         """The thread steps no more and awaits no frame."""
