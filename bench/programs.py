@@ -18,9 +18,11 @@ import svg
 QUICK = (3, 5, 1)
 FULL = (11, 25, 6)
 
-SPOTS = ("in another file", "in another function of the same file", "in the hot function")
+SPOTS = ("in another file", "in another function of the same file", "in the hot function",
+         "on the def line of the function called most")
 QUICK_PROGRAMS = ("JSON round trip", "constraint solver")
-PROGRAMS = ("JSON round trip", "text comparison", "parse and unparse", "numeric loop", "constraint solver")
+PROGRAMS = ("JSON round trip", "text comparison", "parse and unparse", "numeric loop", "constraint solver",
+            "generators", "small calls")
 
 
 def format_table(entries, row_keys, value):

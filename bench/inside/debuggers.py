@@ -1,7 +1,7 @@
 """What a program can be run under: this project's tracer, and what else there is.
 
 Each debugger calls a function in which `breakpoint`, a place with a file and a line, is set. `on_hit(frame)`
-is called at each stop and answers "continue", "over" or "out".
+is called at each stop and answers "continue", "over", "into" or "out".
 """
 
 import bdb
@@ -9,6 +9,7 @@ import inspect
 import sys
 
 import contestants
+from vorntracer import bdb as own_bdb
 from vorntracer import tracer as own
 
 monitoring = sys.monitoring
@@ -31,7 +32,8 @@ class OwnTracer:
     """This project's tracer."""
 
     name = "this tracer"
-    _COMMANDS = {"continue": own.Command.CONTINUE, "over": own.Command.STEP_OVER, "out": own.Command.STEP_OUT}
+    _COMMANDS = {"continue": own.Command.CONTINUE, "over": own.Command.STEP_OVER, "into": own.Command.STEP_INTO,
+                 "out": own.Command.STEP_OUT}
 
     def call(self, function, places, breakpoint, condition=None, on_hit=_never_hit):
         errors = []
@@ -57,14 +59,15 @@ class OwnTracer:
 
 
 class StandardDebugger:
-    """The standard library's debugger base class, with one of its back ends."""
+    """The standard library's debugger base class, with one of its back ends, or this project's in its place."""
 
-    def __init__(self, backend):
-        self.name = "bdb" if backend is None else "bdb, " + backend
-        self._options = {} if backend is None else {"backend": backend}
+    def __init__(self, name, base, **options):
+        self.name = name
+        self._base = base
+        self._options = options
 
     def call(self, function, places, breakpoint, condition=None, on_hit=_never_hit):
-        class Debugger(bdb.Bdb):
+        class Debugger(self._base):
             is_begun = False
 
             def user_line(self, frame):
@@ -77,6 +80,8 @@ class StandardDebugger:
                     self.set_continue()
                 elif answer == "over":
                     self.set_next(frame)
+                elif answer == "into":
+                    self.set_step()
                 else:
                     self.set_return(frame)
 
@@ -117,10 +122,11 @@ class LeastDebugger:
 def standard_debuggers():
     """One for each back end that this version has."""
     if "backend" in inspect.signature(bdb.Bdb.__init__).parameters:
-        return [StandardDebugger("settrace"), StandardDebugger("monitoring")]
-    return [StandardDebugger(None)]
+        return [StandardDebugger("bdb, " + backend, bdb.Bdb, backend=backend) for backend in ("settrace", "monitoring")]
+    return [StandardDebugger("bdb", bdb.Bdb)]
 
 
 NOTHING = Nothing()
 OWN = OwnTracer()
+OWN_BDB = StandardDebugger("this bdb", own_bdb.Bdb)
 LEAST = LeastDebugger()

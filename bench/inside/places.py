@@ -1,4 +1,4 @@
-"""Where to put a breakpoint that a program never hits: far from its hot code, near it, and inside."""
+"""Where to put a breakpoint that a program never hits: far from its hot code, near it, inside, and where it begins."""
 
 import collections
 import inspect
@@ -15,12 +15,16 @@ class Place(NamedTuple):
 
 
 class Places(NamedTuple):
-    """The code object that runs the most lines, and lines that are never reached."""
+    """The code object that runs the most lines, and lines that are never reached.
+
+    The line of a `def` statement is one of them while the function runs: that of the function that begins most often.
+    """
 
     hot_code: types.CodeType
     in_another_file: Place
     in_the_same_file: Place
     in_the_hot_function: Place
+    on_the_def_line: Place
 
 
 def count_lines(program):
@@ -71,12 +75,16 @@ def find_places(program, other_file):
     else:
         raise RuntimeError("every line of the program is reached")
     hot_file = hot_code.co_filename
+    called = {code: lines[min(lines)] for code, lines in counts.items() if code.co_firstlineno < min(lines)
+              and code.co_flags & inspect.CO_OPTIMIZED and not code.co_name.startswith("<")}
+    most_called = max(called, key=called.get)
     reached = {lineno for code, lines in counts.items() if code.co_filename == hot_file for lineno in lines}
     return Places(
         hot_code,
         next(Place(other_file, lineno) for lineno in unreached_function(other_file, set())),
         next(Place(hot_file, lineno) for lineno in unreached_function(hot_file, reached)),
         Place(hot_file, unreached[-1]),
+        Place(most_called.co_filename, most_called.co_firstlineno),
     )
 
 

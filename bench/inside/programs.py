@@ -105,12 +105,64 @@ def constraint_solver():
         raise AssertionError("wrong number of solutions")
 
 
+def _even_numbers(limit):
+    number = 0
+    while number < limit:
+        if number < 0:
+            raise AssertionError("a number below zero")
+        yield number
+        number += 2
+
+
+def _paired(values):
+    for first in values:
+        second = next(values, None)
+        yield first, second
+
+
+def generators():
+    for _ in range(40):
+        total = 0
+        for first, second in _paired(_even_numbers(100)):
+            total += first - second
+        if total != -50:
+            raise AssertionError("wrong sum")
+
+
+class _Account:
+    def __init__(self, balance):
+        self._balance = balance
+
+    def balance(self):
+        return self._balance
+
+    def is_open(self):
+        if self._balance is None:
+            return False
+        return True
+
+    def add(self, amount):
+        if not self.is_open():
+            raise AssertionError("the account is closed")
+        self._balance = self.balance() + amount
+
+
+def small_calls():
+    account = _Account(0)
+    for number in range(2000):
+        account.add(number)
+    if account.balance() != 1999000:
+        raise AssertionError("wrong balance")
+
+
 PROGRAMS = {
     "JSON round trip": json_round_trip,
     "text comparison": text_comparison,
     "parse and unparse": parse_and_unparse,
     "numeric loop": numeric_loop,
     "constraint solver": constraint_solver,
+    "generators": generators,
+    "small calls": small_calls,
 }
 
 
@@ -127,6 +179,24 @@ def call_often(count):
     for number in range(count):
         total += called_often(number)
     return total
+
+
+def count_up(limit):
+    number = 0
+    while number < limit:
+        number += 1
+    return number
+
+
+def rarely_chosen(number):
+    if number < 0:
+        return None
+    return number
+
+
+def call_rarely_chosen(count):
+    for number in range(count):
+        rarely_chosen(number)
 
 
 def call_a_program(program):

@@ -14,6 +14,7 @@ import json
 import sched
 import statistics
 import sys
+import threading
 import time
 
 import debuggers
@@ -76,6 +77,7 @@ def spots_of(program):
         "in another file": found.in_another_file,
         "in another function of the same file": found.in_the_same_file,
         "in the hot function": found.in_the_hot_function,
+        "on the def line of the function called most": found.on_the_def_line,
     }
 
 
@@ -85,7 +87,7 @@ def never_hit(effort, names):
         program = programs.PROGRAMS[name]
         found, spots = spots_of(program)
         for spot, breakpoint in spots.items():
-            contenders = [debuggers.OWN, *debuggers.standard_debuggers()]
+            contenders = [debuggers.OWN, debuggers.OWN_BDB, *debuggers.standard_debuggers()]
             if breakpoint is found.in_the_hot_function:
                 contenders.append(debuggers.LEAST)
             for debugger in contenders:
@@ -159,6 +161,47 @@ STEPS = {
 
 UNITS_OF_A_STEP = 16
 
+# One step after the other in a loop: what is answered at each stop
+STEPPING = {"step into, in a loop": "into", "step over, in a loop": "over"}
+STEPS_TAKEN = 3000
+
+
+def steps(debugger, answer):
+    """Nanoseconds of one step of many in a loop that calls nothing."""
+    stops = []
+
+    def on_hit(frame):
+        stops.append(None)
+        return answer if len(stops) < STEPS_TAKEN else "continue"
+
+    breakpoint = line_in(programs.count_up, 1)
+    elapsed = timed_call(debugger, lambda: programs.count_up(STEPS_TAKEN), breakpoint, None, on_hit)
+    if len(stops) < STEPS_TAKEN:
+        raise RuntimeError("{} stopped {} times".format(debugger.name, len(stops)))
+    return elapsed / STEPS_TAKEN
+
+
+CALLS_ELSEWHERE = 20_000
+
+
+def calls_elsewhere(debugger):
+    """Nanoseconds of many calls on a thread that is not debugged, of a function with a breakpoint."""
+    elapsed = []
+
+    def work():
+        for _ in range(5):
+            started = time.thread_time_ns()
+            programs.call_rarely_chosen(CALLS_ELSEWHERE)
+            elapsed.append(time.thread_time_ns() - started)
+
+    def in_a_thread():
+        thread = threading.Thread(target=work)
+        thread.start()
+        thread.join()
+
+    debugger.call(in_a_thread, None, line_in(programs.rarely_chosen, 2))
+    return min(elapsed)
+
 
 def at_stops(effort):
     """What stops and steps cost. A step is set against the same program under nothing."""
@@ -168,7 +211,7 @@ def at_stops(effort):
     def idle():
         return time_units(programs.json_round_trip, UNITS_OF_A_STEP) * UNITS_OF_A_STEP
 
-    for debugger in (debuggers.OWN, *debuggers.standard_debuggers()):
+    for debugger in (debuggers.OWN, debuggers.OWN_BDB, *debuggers.standard_debuggers()):
         for action, (condition, count) in LOOPS.items():
             samples = [hits(debugger, condition, count) for _ in range(rounds)]
             yield {"action": action, "debugger": debugger.name,
@@ -177,6 +220,13 @@ def at_stops(effort):
             ratios = [step(debugger, function, breakpoint, answers, stops, UNITS_OF_A_STEP) / idle()
                       for _ in range(rounds)]
             yield {"action": action, "debugger": debugger.name, "slowdown": statistics.median(ratios)}
+        for action, answer in STEPPING.items():
+            samples = [steps(debugger, answer) for _ in range(rounds)]
+            yield {"action": action, "debugger": debugger.name, "microseconds": statistics.median(samples) / 1000}
+        if not isinstance(debugger, debuggers.OwnTracer):  # which debugs every thread
+            ratios = [calls_elsewhere(debugger) / calls_elsewhere(debuggers.NOTHING) for _ in range(rounds)]
+            yield {"action": "calls on a thread that is not debugged", "debugger": debugger.name,
+                   "slowdown": statistics.median(ratios)}
 
 
 def main(rounds, milliseconds, seconds, names):

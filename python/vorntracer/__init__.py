@@ -4,6 +4,9 @@
     tracer           breakpoints, steps, held threads and forked children on top of it
     dbgpythonapi     interpreter functions that the native module calls by way of Python
     demo             `python -m vorntracer.demo`: watch the tracer at work
+    events           which monitoring events are on where, for the debuggers below
+    bdb, pdb         the interpreter's debuggers, with their events taken from there
+    session          the debugger of `python -m vorntracer`, with what goes beyond pdb
 
 Nothing is imported here, so that `from vorntracer import xoptmonitoring` costs no more than it says. Only an
 interpreter that is later than the native module's tables costs a look at that file: this package is tested
@@ -35,3 +38,12 @@ def _quiet_native_module():
 
 if sys.version_info[:2] > _LAST_DESCRIBED_VERSION:
     _quiet_native_module()
+
+
+def __getattr__(name):
+    """For PYTHONBREAKPOINT=vorntracer.set_trace."""
+    if name == "set_trace":
+        from .pdb import set_trace
+
+        return set_trace
+    raise AttributeError("module {!r} has no attribute {!r}".format(__name__, name))

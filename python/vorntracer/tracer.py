@@ -47,12 +47,16 @@ a time.
 
 import _weakrefset
 import enum
+import inspect
 import os
 import sys
 import threading
 import typing
 import weakref
 
+from vornbase import dlog
+
+from . import events
 from . import xoptmonitoring as xo
 
 _monitoring = sys.monitoring
@@ -65,6 +69,7 @@ _LINE = xo.kPyLineEventId
 _DISABLE = _monitoring.DISABLE
 _THROW = _monitoring.events.PY_THROW
 _UNWIND = _monitoring.events.PY_UNWIND
+_JUMP = _monitoring.events.JUMP
 
 
 class Reason(enum.Enum):
@@ -100,7 +105,7 @@ class Breakpoint:
     def __init__(self, pathname, lineno, condition=None):
         self.pathname = pathname
         self.lineno = lineno
-        self.condition = condition  # None, or called with the frame; the breakpoint stops where it is true
+        self.condition = condition  # None, or called with the frame; the breakpoint stops where it is true or fails
         self.hits = 0
 
     def __repr__(self):
@@ -116,6 +121,7 @@ class Stop(typing.NamedTuple):
     lineno: int
     value: object = None  # what is returned or yielded, or the exception; for such reasons only
     breakpoint: Breakpoint | None = None  # for Reason.BREAKPOINT only
+    error: BaseException | None = None  # what the breakpoint's condition raised, which stops as if it were true
 
 
 _LEAVING = (Reason.RETURN, Reason.YIELD, Reason.EXCEPTION)
@@ -144,7 +150,9 @@ class Tracer:
     """The tracer of this process; one at a time can be started.
 
     on_stop         called as on_stop(stop) on the thread that has stopped; returns the Command with which the
-                    thread goes on, or None for CONTINUE. An exception is logged and means CONTINUE.
+                    thread goes on, or None for CONTINUE. An exception is logged and means CONTINUE, but for what is
+                    no Exception (SystemExit, KeyboardInterrupt) or what a signal's handler has raised: that goes on
+                    to the program.
     internal_files  pathnames of further files of the debugger, in which nothing stops
     debug_thread    called with a thread's id, once; says whether the thread is debugged. All are by default.
     follow_forks    whether forked children are debugged as well
@@ -152,7 +160,9 @@ class Tracer:
     Breakpoints can be set before `start` and outlive `stop`, until `reset`.
     """
 
-    tool_id = _monitoring.DEBUGGER_ID
+    # The first one that is free of those that `vorntracer.events` names: the interpreter's own debugger takes
+    # DEBUGGER_ID from 3.14 on, and is to work in a program that is debugged.
+    tool_id = events.TOOL_IDS[0]
 
     def __init__(self, on_stop, *, internal_files=(), debug_thread=None, follow_forks=True):
         self._on_stop = on_stop
@@ -177,6 +187,7 @@ class Tracer:
         self._add_event(_RESUME, self._on_enter)
         self._add_event(_THROW, self._on_throw, can_return_disable=False)
         self._add_event(_LINE, self._on_line)
+        self._add_event(_JUMP, self._on_jump)
         self._add_event(_RETURN, self._on_return)
         self._add_event(_YIELD, self._on_yield)
         self._add_event(_UNWIND, self._on_unwind, can_return_disable=False)
@@ -194,10 +205,12 @@ class Tracer:
     # Starting and stopping
 
     def start(self):
-        """Begin to receive events. Raises ValueError when another debugger uses the interpreter's tool id."""
+        """Begin to receive events. Raises ValueError when it is started already, or when no tool id is free."""
         global _running_tracer
         with self._lock:
-            _monitoring.use_tool_id(self.tool_id, "vorntracer")
+            if self._is_running:
+                raise ValueError("the tracer is started already")
+            self.tool_id = events.take_tool_id()
             _running_tracer = self
             self._is_running = True
             try:
@@ -283,7 +296,8 @@ class Tracer:
         thread_end_modules = (weakref, _weakrefset, threading)
         files = [getattr(module, "__file__", None) for module in own_modules + thread_end_modules]
         files.extend(self._internal_files)
-        return [xo.get_canonical_pathname(os.fspath(file)) for file in files if file is not None]
+        pathnames = [xo.get_canonical_pathname(os.fspath(file)) for file in files if file is not None]
+        return events.internal_pathnames() + pathnames
 
     def _meet_running_code(self):
         """Meet what is running already: it will raise no event of its start any more.
@@ -306,10 +320,12 @@ class Tracer:
     def set_breakpoint(self, file, lineno, condition=None):
         """Set a breakpoint on a line, in place of the one there, and return it.
 
-        file       the pathname of a source file; it need not be loaded
-        condition  called with the frame each time; the thread stops where the result is true
+        file       the pathname of a source file, which need not be loaded; or what code objects that come of none have
+                   in its place, as "<string>"
+        condition  called with the frame each time; the thread stops where the result is true, or where it fails
         """
-        pathname = xo.get_canonical_pathname(os.fspath(file))
+        name = os.fspath(file)
+        pathname = name if _is_pseudo_name(name) else xo.get_canonical_pathname(name)
         if pathname is None:
             raise ValueError("not the name of a file: {!r}".format(file))
         with self._lock:
@@ -380,15 +396,20 @@ class Tracer:
     def _find_breakpoints_in_file(self, per_file):
         """Work out anew which breakpoints lie in which of the file's code objects."""
         if self._is_running:
-            for record in list(per_file.fKnownPerCodeObjects):
+            records = list(per_file.fKnownPerCodeObjects)
+            if _is_pseudo_name(per_file.fCanonicalPathname):
+                # Code objects that come of no file are filed together.
+                together = xo.CPerFile.GetPerFile(None, False)
+                records = list(together.fKnownPerCodeObjects) if together is not None else []
+            for record in records:
                 self._find_breakpoints(record)
             self._rouse()
 
     def _breakpoint_linenos(self, record):
         """Return the line numbers of a code object that have breakpoints, as a new set."""
         code = record.fCodeObjectWeakRef()
-        per_file = self._file(record.fCanonicalPathname)
-        if code is None or per_file is None or not per_file.fBpSetByLineno or record.fIsInternal:
+        per_file = None if code is None else self._file(record.fCanonicalPathname or code.co_filename)
+        if per_file is None or not per_file.fBpSetByLineno or record.fIsInternal:
             return set()
         breakpoints = per_file.fBpSetByLineno
         return {line for _, _, line in code.co_lines() if line in breakpoints}
@@ -411,7 +432,11 @@ class Tracer:
         Another thread may be changing breakpoints, or stopping or resetting the tracer: what is missing then
         is that the line has none.
         """
-        per_file = self._file(record.fCanonicalPathname)
+        pathname = record.fCanonicalPathname
+        if pathname is None:
+            code = record.fCodeObjectWeakRef()
+            pathname = None if code is None else code.co_filename
+        per_file = self._file(pathname)
         return None if per_file is None else per_file.fBpSetByLineno.get(lineno)
 
     # Which events are on
@@ -444,13 +469,13 @@ class Tracer:
         code = record.fCodeObjectWeakRef()
         if code is None:
             return
-        events = 0
+        wanted = 0
         if breakpoint_linenos or record.fSteppingEventsNeededCount:
-            events |= _LINE
+            wanted |= _LINE | _JUMP
         if record.fReturnEventsNeededCount or record.fSteppingEventsNeededCount:
-            events |= _RETURN | _YIELD
-        if events != _monitoring.get_local_events(self.tool_id, code):
-            _monitoring.set_local_events(self.tool_id, code, events)
+            wanted |= _RETURN | _YIELD
+        if wanted != _monitoring.get_local_events(self.tool_id, code):
+            _monitoring.set_local_events(self.tool_id, code, wanted)
 
     def _switch_global_events(self):
         """Switch on the events that are needed in all code.
@@ -461,13 +486,13 @@ class Tracer:
         """
         if not self._is_running:
             return
-        events = _START | _RESUME
+        wanted = _START | _RESUME
         if self._steps:
-            events |= _UNWIND | _THROW
+            wanted |= _UNWIND | _THROW
         if self._holder_id is not None:
-            events |= _LINE
-        if events != _monitoring.get_events(self.tool_id):
-            _monitoring.set_events(self.tool_id, events)
+            wanted |= _LINE
+        if wanted != _monitoring.get_events(self.tool_id):
+            _monitoring.set_events(self.tool_id, wanted)
 
     # New records
 
@@ -507,7 +532,8 @@ class Tracer:
         thread = xo.CPerThread.GetPerThread()
         if thread.fStopAtNextLine:
             self._step_through(thread, record)
-        if self._breakpoint_at(record, code.co_firstlineno) is not None:
+        if (self._breakpoint_at(record, code.co_firstlineno) is not None
+                and events.line_shared_with_start(code) == code.co_firstlineno):
             # From 3.13 on, a body that begins in the first line of its code object, as that of a lambda or a
             # generator expression does, has an event there only while its start has one, too.
             return None
@@ -523,18 +549,42 @@ class Tracer:
         record = xo.CPerCodeObject.GetPerCodeObject(code, True, frame)
         thread = xo.CPerThread.GetPerThread()
         breakpoint = self._breakpoint_at(record, lineno)
-        if breakpoint is not None and (breakpoint.condition is None or breakpoint.condition(frame)):
-            self._stop(Stop(thread, frame, Reason.BREAKPOINT, lineno, breakpoint=breakpoint))
+        is_hit, error = breakpoint is not None, None
+        if is_hit and breakpoint.condition is not None:
+            try:
+                is_hit = breakpoint.condition(frame)
+            except BaseException as exception:
+                if events.is_for_the_program(exception):
+                    raise
+                error = exception
+        if is_hit:
+            self._stop(Stop(thread, frame, Reason.BREAKPOINT, lineno, breakpoint=breakpoint, error=error))
         elif thread.fStopAtNextLine or frame is thread.fStopFrame:
             self._stop(Stop(thread, frame, Reason.STEP, lineno))
         elif breakpoint is None and calm is not None and not record.fSteppingEventsNeededCount:
             return _DISABLE if calm is self._calm else None
         return None
 
+    def _on_jump(self, code, offset, destination):
+        """A jump: JUMP. Of interest is one back on its line, as a loop on one line has it, which raises no LINE."""
+        if destination > offset:
+            return _DISABLE
+        lineno = events.line_at(code, offset)
+        if lineno is None or lineno != events.line_at(code, destination):
+            return _DISABLE
+        return self._on_line(code, lineno)
+
     def _on_return(self, code, offset, value):
         self._on_leave(Reason.RETURN, value)
 
     def _on_yield(self, code, offset, value):
+        if code.co_flags & inspect.CO_COROUTINE:
+            # It is suspended at an `await`, and hands out nothing that anybody is to see. A step over goes on when it
+            # does.
+            thread = xo.CPerThread.GetPerThread()
+            is_step_over = thread.fStopFrame is not None and thread.fStopFrame is thread.fReturnFrame
+            if is_step_over and not thread.fStopAtNextLine:
+                return
         self._on_leave(Reason.YIELD, value)
 
     def _on_unwind(self, code, offset, exception):
@@ -557,6 +607,10 @@ class Tracer:
                 if stop.breakpoint is not None:
                     stop.breakpoint.hits += 1
                 command = Command(self._on_stop(stop) or command)
+        except Exception as exception:
+            if events.is_for_the_program(exception):
+                raise
+            dlog.LogException(None, True)
         finally:
             turn.release()
             self._begin_step(stop, command)
@@ -588,6 +642,7 @@ class Tracer:
             if frame is None:
                 self._end_step(thread)
                 return
+            was_into, old_step = thread.fStopAtNextLine, self._steps.get(thread)
             is_into = command is Command.STEP_INTO
             is_stop_frame = command in (Command.STEP_OVER, Command.STEP_OUT)
             thread.fSteppingEventsNeeded = is_into
@@ -596,7 +651,11 @@ class Tracer:
             thread.fReturnFrame = frame
             record = self._situate(frame)
             self._replace_step(thread, {record} if is_into or is_stop_frame else set(), record)
-            self._rouse()
+            # Nothing was switched off while the thread stepped into everything, nor in the code object in which it
+            # steps already.
+            is_same_step = not was_into and not is_into and old_step == self._steps.get(thread)
+            if not is_same_step and not (was_into and is_into):
+                self._rouse()
 
     def _end_step(self, thread):
         """The thread steps no more and awaits no frame."""
@@ -735,6 +794,18 @@ class Tracer:
                 self.stop()
         finally:
             self._lock.__exit__()
+
+
+# Whatever else leaves these is meant for the program: what `on_stop` ends it with, and what a signal's handler raises
+# while one of them happens to run.
+for _second_stage in (Tracer._on_enter, Tracer._on_throw, Tracer._on_line, Tracer._on_jump, Tracer._on_return,
+                      Tracer._on_yield, Tracer._on_unwind, Tracer._on_new_code_object, Tracer._on_new_thread):
+    dlog.LetPassFrom(_second_stage)
+
+
+def _is_pseudo_name(name):
+    """Whether a code object that comes of no file has this in the place of its file's name."""
+    return name is not None and name.startswith("<") and name.endswith(">")
 
 
 def _thread_name(thread):

@@ -67,7 +67,7 @@ class DemoCase(XoTestCase):
 
     def table_in(self, output):
         """The rows of the table, as {event: [seen, answered None, answered DISABLE, second stage]}."""
-        pattern = r"^(PY_\w+|LINE|total) +(\d+) +(\d+) +(\d+) +(\d+)"
+        pattern = r"^(PY_\w+|LINE|JUMP|total) +(\d+) +(\d+) +(\d+) +(\d+)"
         return {name: [int(number) for number in numbers]
                 for name, *numbers in re.findall(pattern, output, re.MULTILINE)}
 
@@ -125,7 +125,7 @@ class WithoutAScript(DemoCase):
 
     def test_the_table_accounts_for_every_event(self):
         table = self.table_in(self.output)
-        self.assertEqual(list(table), ["PY_START", "PY_RESUME", "PY_THROW", "LINE", "PY_RETURN", "PY_YIELD",
+        self.assertEqual(list(table), ["PY_START", "PY_RESUME", "PY_THROW", "LINE", "JUMP", "PY_RETURN", "PY_YIELD",
                                        "PY_UNWIND", "total"])
         for name, (seen, none, disable, second_stage) in table.items():
             self.assertEqual(seen, none + disable + second_stage, name)

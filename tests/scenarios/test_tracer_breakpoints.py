@@ -3,12 +3,16 @@
 import gc
 import os
 import posixpath
+import signal
 import sys
 import unittest
 
 from scenario import Command, Commander, Reason, ScenarioCase, Tracer, xo
 from vornbase import dlog
 from vorntracer import tracer as tracer_module
+from vorntracer.events import TOOL_IDS
+
+LINES = sys.monitoring.events.LINE | sys.monitoring.events.JUMP  # what is on where there is a breakpoint
 
 PROGRAM = """\
 import sys
@@ -131,13 +135,90 @@ class WhereABreakpointStops(BreakpointCase):
         self.assertEqual(self.stopped_lines(), ["add"])
         self.assertEqual(breakpoint.hits, 1)
 
-    def test_a_condition_that_raises_is_logged_and_does_not_stop(self):
-        self.expect_log_entries(1)
+    def test_a_condition_that_raises_stops_and_says_why(self):
         self.set_breakpoint("start", lambda frame: frame.no_such_attribute)
         self.tracer.start()
         self.assertEqual(self.program.load().total([1]), 1)
+        stop, = self.commander.stops
+        self.assertIsInstance(stop.error, AttributeError)
+
+    def test_a_condition_that_is_interrupted_does_not_stop_and_the_program_is(self):
+        def condition(frame):
+            signal.raise_signal(signal.SIGINT)
+
+        self.set_breakpoint("start", condition)
+        self.tracer.start()
+        module = self.program.load()
+        for _ in range(5):
+            with self.assertRaises(KeyboardInterrupt):
+                module.total([1])
         self.assertEqual(self.stopped_lines(), [])
-        self.assertIn("no_such_attribute", dlog.GetEntries()[0])
+
+    def test_a_handlers_exception_in_a_callback_reaches_the_program(self):
+        class FromHandler(Exception):
+            pass
+
+        def handler(number, frame):
+            raise FromHandler
+
+        def condition(frame):
+            signal.raise_signal(signal.SIGUSR1)
+
+        self.addCleanup(signal.signal, signal.SIGUSR1, signal.signal(signal.SIGUSR1, handler))
+        self.set_breakpoint("start", condition)
+        self.tracer.start()
+        with self.assertRaises(FromHandler):
+            self.program.load().total([1])
+
+    def test_on_stop_may_end_the_program(self):
+        def on_stop(stop):
+            raise SystemExit(3)
+
+        tracer = self.make_tracer(on_stop)
+        tracer.set_breakpoint(self.program.pathname, self.program.line("start"))
+        tracer.start()
+        with self.assertRaises(SystemExit):
+            self.program.load().total([1])
+
+    def test_a_loop_on_one_line_stops_each_time_round(self):
+        namespace = {}
+        source = "def fill(out):\n    i = None\n    for i in range(5): out.append(i)\n    return out\n"
+        self.tracer.set_breakpoint("<one line>", 3, lambda frame: frame.f_locals["i"] == 3)
+        self.tracer.start()
+        exec(compile(source, "<one line>", "exec"), namespace)
+        self.assertEqual(namespace["fill"]([]), [0, 1, 2, 3, 4])
+        self.assertEqual([stop.lineno for stop in self.commander.stops], [3])
+
+    def test_a_breakpoint_in_code_that_comes_of_no_file_stops(self):
+        self.tracer.start()
+        namespace = {}
+        exec(compile("def made(x):\n    x += 1\n    return x\n", "<string>", "exec"), namespace)
+        namespace["made"](1)
+        breakpoint = self.tracer.set_breakpoint("<string>", 2)
+        namespace["made"](1)
+        exec(compile("x = 1\nx = 2\n", "<string>", "exec"), namespace)
+        self.assertEqual([stop.lineno for stop in self.commander.stops], [2, 2])
+        self.tracer.clear_breakpoint(breakpoint)
+        namespace["made"](1)
+        self.assertEqual(len(self.commander.stops), 2)
+
+    def test_a_breakpoint_on_a_def_line_leaves_the_functions_starts_switched_off(self):
+        self.tracer.start()
+        namespace = {}
+        exec(compile("def made(x):\n    return x\nfor _ in range(100):\n    made(1)\n", "<string>", "exec"), namespace)
+        self.tracer.set_breakpoint("<string>", 1)
+        seen = []
+        original = self.tracer._on_enter
+
+        def counted(code, offset):
+            seen.append(code.co_name)
+            return original(code, offset)
+
+        counting = xo.CInitialCallback(sys.monitoring.events.PY_START, counted, True)
+        sys.monitoring.register_callback(self.tracer.tool_id, sys.monitoring.events.PY_START, counting.Callback)
+        for _ in range(100):
+            namespace["made"](1)
+        self.assertLess(seen.count("made"), 3)
 
     def test_the_stop_names_its_breakpoint_and_its_thread(self):
         breakpoint = self.set_breakpoint("start")
@@ -195,9 +276,9 @@ class WhereABreakpointStops(BreakpointCase):
         self.assertNotEqual(self.tracer.breakpoints(), [])
         self.assertEqual(self.commander.stops, [])
 
-    def test_what_has_no_file_takes_no_breakpoint(self):
-        with self.assertRaisesRegex(ValueError, "not the name of a file: '<string>'"):
-            self.tracer.set_breakpoint("<string>", 1)
+    def test_what_is_no_name_takes_no_breakpoint(self):
+        with self.assertRaisesRegex(ValueError, "not the name of a file: ''"):
+            self.tracer.set_breakpoint("", 1)
 
 
 class WhenABreakpointTakesEffect(BreakpointCase):
@@ -267,7 +348,7 @@ class WhenABreakpointTakesEffect(BreakpointCase):
         registered = self.replace_the_files_record(lambda: xo.CPerCodeObject.GetPerCodeObject(code))
         self.assertEqual(self.local_events(code), 0)
         self.set_breakpoint("add")
-        self.assertEqual(self.local_events(code), sys.monitoring.events.LINE)
+        self.assertEqual(self.local_events(code), LINES)
         self.assertEqual(registered.fKnownPerCodeObjects, {xo.CPerCodeObject.GetPerCodeObject(code)})
 
     def test_a_code_objects_record_that_was_made_twice_is_not_kept_by_its_files_new_record(self):
@@ -340,7 +421,7 @@ class WhatIsSwitchedOff(BreakpointCase):
         self.tracer.start()
         self.program.load().total([1])
         self.program.untouched([1])
-        self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
+        self.assertEqual(self.local_events(self.program.total), LINES)
         self.assertEqual(self.local_events(self.program.untouched), 0)
         self.assertEqual(self.local_events(self.program.nested), 0)
         self.assertEqual(sys.monitoring.get_events(Tracer.tool_id),
@@ -359,7 +440,7 @@ class WhatIsSwitchedOff(BreakpointCase):
         self.set_breakpoint("untouched")
         self.program.load()
         record = xo.CPerCodeObject.GetPerCodeObject(self.program.total.__code__)
-        self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
+        self.assertEqual(self.local_events(self.program.total), LINES)
         self.assertIsNone(record.fEnabledBpLinenos)  # so that each of its lines is seen, once
 
     def test_the_first_stage_is_told_the_breakpoints_while_nothing_may_be_switched_off(self):
@@ -435,7 +516,7 @@ class WhatIsSwitchedOff(BreakpointCase):
         self.tracer.clear_breakpoint(breakpoints[0])
         self.program.total([1])
         self.assertEqual(self.stopped_lines(), ["end"])
-        self.assertEqual(self.local_events(self.program.total), sys.monitoring.events.LINE)
+        self.assertEqual(self.local_events(self.program.total), LINES)
         self.tracer.clear_breakpoint(breakpoints[1])
         self.program.total([1])
         self.assertEqual(self.stopped_lines(), [])
@@ -549,12 +630,27 @@ class StartingStoppingAndResetting(BreakpointCase):
         self.assertEqual(self.stopped_lines(), ["add"])
         self.assertIsNone(sys.monitoring.get_tool(Tracer.tool_id))
 
-    def test_a_tool_id_in_use_refuses_the_start_and_nothing_is_left_half_done(self):
+    def test_a_tool_id_in_use_is_left_to_who_has_it(self):
         sys.monitoring.use_tool_id(Tracer.tool_id, "somebody else")
+        self.addCleanup(sys.monitoring.free_tool_id, Tracer.tool_id)
+        self.set_breakpoint("add")
+        self.tracer.start()
+        self.program.load().total([1])
+        self.assertEqual(self.stopped_lines(), ["add"])
+        self.assertNotEqual(self.tracer.tool_id, Tracer.tool_id)
+
+    def test_the_debuggers_tool_id_is_left_to_the_interpreters_debugger(self):
+        self.tracer.start()
+        self.assertIsNone(sys.monitoring.get_tool(sys.monitoring.DEBUGGER_ID))
+
+    def test_tool_ids_in_use_refuse_the_start_and_nothing_is_left_half_done(self):
+        for tool_id in TOOL_IDS:
+            sys.monitoring.use_tool_id(tool_id, "somebody else")
         with self.assertRaises(ValueError):
             self.tracer.start()
         self.assertIsNone(xo.CPerCodeObject._fNewPerCodeObjectCreatedCallback)
-        sys.monitoring.free_tool_id(Tracer.tool_id)
+        for tool_id in TOOL_IDS:
+            sys.monitoring.free_tool_id(tool_id)
         self.set_breakpoint("add")
         self.tracer.start()
         self.program.load().total([1])

@@ -1,17 +1,11 @@
 """The tracer's stops in library code are what `sys.settrace` reports, in one thread and in eight.
 
-`sys.settrace` is the oracle: the interpreter's own and older way to see lines and returns. Two of its ways
-differ from those of `sys.monitoring`, on purpose of the interpreter, and are taken out of the oracle's report
-here:
-
-* A jump backwards within one line (a comprehension or generator expression on one line, going round) is
-  reported as a line once more. `sys.monitoring` reports a line only when it is come upon from another one.
-* A frame that an exception leaves is reported as a return of None. The tracer's stop there has a reason of
-  its own and the exception, so that is what is rewritten, and only for that reason.
+`sys.settrace` is the oracle: the interpreter's own and older way to see lines and returns. One of its ways is taken
+out of the oracle's report here: a frame that an exception leaves is reported as a return of None. The tracer's stop
+there has a reason of its own and the exception, so that is what is rewritten, and only for that reason.
 """
 
 import collections
-import dis
 import functools
 import gc
 import sys
@@ -47,33 +41,13 @@ def make_return(frame, value):
 # The oracle
 
 
-@functools.lru_cache(maxsize=None)
-def jumps_within_a_line(code):
-    """Offset and target of each jump backwards that stays on its line, with that line: {offset: lineno}."""
-    lineno_at = {}
-    for start, end, lineno in code.co_lines():
-        lineno_at.update(dict.fromkeys(range(start, end), lineno))
-    jumps = {}
-    for instruction in dis.get_instructions(code):
-        if instruction.opname.startswith("JUMP_BACKWARD"):
-            source, target = instruction.offset, instruction.argval
-            if lineno_at[source] == lineno_at[target]:
-                # Up to 3.12 the frame is at the target when the jump is reported, from 3.13 on at the source.
-                jumps[target if sys.version_info < (3, 13) else source] = lineno_at[source]
-    return jumps
-
-
 def trace_with_settrace(work):
     """The lines and returns that `sys.settrace` reports while `work` runs, in this thread."""
     log = []
-    last_lineno = {}  # frame -> the line that was reported last for it
 
     def trace(frame, event, argument):
         if event == "line":
-            is_again = last_lineno.get(frame) == frame.f_lineno
-            if not (is_again and jumps_within_a_line(frame.f_code).get(frame.f_lasti) == frame.f_lineno):
-                log.append(make_line(frame, frame.f_lineno))
-            last_lineno[frame] = frame.f_lineno
+            log.append(make_line(frame, frame.f_lineno))
         elif event == "return":
             log.append(make_return(frame, argument))
         return trace

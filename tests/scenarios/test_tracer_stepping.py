@@ -377,7 +377,8 @@ class WhatAStepLeavesBehind(SteppingCase):
 
     def test_a_step_switches_events_on_where_it_goes_and_off_when_it_is_over(self):
         events = sys.monitoring.events
-        everything = events.LINE | events.PY_RETURN | events.PY_YIELD
+        lines = events.LINE | events.JUMP
+        everything = lines | events.PY_RETURN | events.PY_YIELD
         seen = []
 
         def look(stop):
@@ -387,8 +388,8 @@ class WhatAStepLeavesBehind(SteppingCase):
         breakpoint = self.break_at("first call")
         self.stops(look, look, look, look)
         self.program.outer(3)
-        self.assertEqual(seen, [(events.LINE, 0), (everything, everything), (events.LINE, everything),
-                                (events.LINE, everything)])
+        self.assertEqual(seen, [(lines, 0), (everything, everything), (lines, everything),
+                                (lines, everything)])
         self.tracer.clear_breakpoint(breakpoint)
         self.assertEqual((self.events_of(self.program.outer), self.events_of(self.program.inner)), (0, 0))
         self.assertEqual(sys.monitoring.get_events(Tracer.tool_id), events.PY_START | events.PY_RESUME)

@@ -4,7 +4,9 @@ Two kinds, both from Debian's archive, neither of them installed into the system
 
 * Debian's own interpreters and their debug builds, of several versions at once. Their packages, with
   everything they need down to the C library, are unpacked into one tree and started through that tree's own
-  loader, so that they run on a machine whose C library is older.
+  loader, so that they run on a machine whose C library is older. The interpreters' own tests, which are a package
+  of their own for each version, come with them, and so do the debuggers and the test runner that are built on the
+  interpreter's debugger; these are for the version that is Debian's default.
 * Builds that Debian does not ship, made from its source packages: free-threaded ones, and with --all those
   with reference tracing and with sanitizers.
 
@@ -80,6 +82,16 @@ TSAN_NEEDS = (("clang", "clang"),)
 
 #: Only what a test of this project imports matters; these take long to build or need more headers.
 MODULES_LEFT_OUT = ("_tkinter", "_dbm", "_gdbm", "readline", "_curses", "_curses_panel", "_sqlite3", "nis")
+
+
+#: Clients of the interpreter's debugger, and a module by which one of them is known to have been unpacked.
+CLIENTS = ("python3-ipdb", "python3-pytest")
+CLIENT_MODULE = "ipdb"
+
+
+def tests_package(name):
+    """The package with the tests of one of Debian's interpreters, or of its debug build."""
+    return "libpython{}.{}-testsuite".format(*version_in(name))
 
 
 class Unavailable(Exception):
@@ -242,7 +254,7 @@ class Interpreters:
         """Unpack Debian's interpreters that are wanted (all that there are, where nothing is named)."""
         known = [path.name for path in (self.folder / "bin").glob("python3.*") if DEBIAN_PACKAGE.match(path.name)]
         there = [name for name in wanted or known if self.is_there(name)]
-        if there and set(there) >= set(wanted):
+        if there and set(there) >= set(wanted) and all(self.has_tests(name) for name in there):
             return
         try:
             self.archive.open()
@@ -253,7 +265,8 @@ class Interpreters:
             if not names:
                 raise Unavailable("the archive has none of the packages")
             tree = self.folder / "debian"
-            for package in self.archive.download(names):
+            wanted_packages = names + sorted({tests_package(name) for name in names}) + list(CLIENTS)
+            for package in self.archive.download(wanted_packages):
                 tree.mkdir(parents=True, exist_ok=True)
                 run(["dpkg-deb", "--extract", package, tree], self.archive.log)
                 package.unlink()
@@ -266,6 +279,12 @@ class Interpreters:
             for name in wanted or ["Debian's interpreters"]:
                 if name not in self.had:
                     self.missing[name] = str(problem)
+
+    def has_tests(self, name):
+        """Whether the tests of one of Debian's interpreters, and the debugger's clients, have been unpacked, too."""
+        libraries = self.folder / "debian" / "usr" / "lib"
+        own_tests = libraries / "python{}.{}".format(*version_in(name)) / "test" / "test_bdb.py"
+        return own_tests.exists() and (libraries / "python3" / "dist-packages" / CLIENT_MODULE).exists()
 
     def start_through_loader(self, tree, name):
         """Write the script for an interpreter of the tree: with the tree's own loader and libraries."""
