@@ -153,19 +153,9 @@ struct CarefulRoad : SharedRoad<CarefulRoad> {
         return static_cast<bool>(event.per_thread);
     }
 
-    /// A thread whose state is being cleared is not debugged any more, and that is no failure. To ask for its record from
-    /// within its own clean-up, which raises no events, is one.
-    static Answer answer_without_thread_record(ModuleState& m) {
-        if (!thread_exit::is_at_its_end() || xpy.PyErr_ExceptionMatches(xpy.PyExc_AttributeError) == 0) {
-            return kStop;
-        }
-        int in_clean_up = 0;
-        {
-            const PendingException missing_record;
-            in_clean_up = thread_exit::_IsCapsuleDestructorBeingInvoked(m);
-            xpy.PyErr_Clear();
-        }
-        if (in_clean_up != 0) {
+    /// A thread whose state is being cleared is not debugged any more, and that is no failure.
+    static Answer answer_without_thread_record() {
+        if (!thread_exit::is_silent_at_its_end() || xpy.PyErr_ExceptionMatches(xpy.PyExc_AttributeError) == 0) {
             return kStop;
         }
         xpy.PyErr_Clear();
@@ -530,7 +520,7 @@ template <class Road>
 XPY_ALWAYS_INLINE Answer decide_by_thread(RoadState<Road>& m, typename Road::RoadEvent& event) {
     if (XPY_UNLIKELY(!Road::find_thread_record(m, event))) {
         if constexpr (std::is_same_v<Road, CarefulRoad>) {
-            return Road::answer_without_thread_record(m);
+            return Road::answer_without_thread_record();
         }
         return Road::kStop;
     }

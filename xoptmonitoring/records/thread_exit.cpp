@@ -39,6 +39,9 @@ struct CapsuleData {
 /// The id of the thread state whose end has begun on this native thread, or 0. The interpreter gives no id twice.
 constinit thread_local std::uint64_t ended_thread_state_id = 0;
 
+/// Whether the calling thread is discarding its record, and raises no events.
+constinit thread_local bool is_inside_clean_up = false;
+
 /// A number of its own for each native thread that asks. The interpreter's id of a thread is given again once the thread
 /// has ended, this one never.
 std::uint64_t native_thread_number() {
@@ -188,9 +191,11 @@ bool clean_up_noted(ModuleState& m, PyObject* self) {
     if (!is_quiet) {
         print_and_swallow(m);
     }
+    is_inside_clean_up = true;
     if (!clean_up(m, self)) {
         print_and_swallow(m);
     }
+    is_inside_clean_up = false;
     if (is_quiet && !leave_tracing(m, before)) {
         print_and_swallow(m);
     }
@@ -304,6 +309,10 @@ void finalize_capsule(PyObject* self) {
 
 bool is_at_its_end() {
     return XPY_UNLIKELY(ended_thread_state_id != 0) && ended_thread_state_id == current_thread_state_id();
+}
+
+bool is_silent_at_its_end() {
+    return is_at_its_end() && !is_inside_clean_up;
 }
 
 Ref create_capsule_class(ModuleState& m) {

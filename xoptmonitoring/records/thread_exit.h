@@ -15,6 +15,9 @@ namespace thread_exit {
 /// what still runs there is the last of that thread state. Nothing could take a record away again that it got now.
 bool is_at_its_end();
 
+/// The same, but for the clean-up itself: that raises no events, so who has one decided there asks by name.
+bool is_silent_at_its_end();
+
 /// Create the nested classes. Empty with an exception set.
 Ref create_capsule_class(ModuleState& m);
 Ref create_cleanup_support_class(ModuleState& m);
