@@ -418,8 +418,10 @@ class _Patience:
     def _wait(self, is_done):
         if not is_done.acquire(timeout=PATIENCE):
             self._session._lets_others_pass = True
-            if engine.release_others():
+            if engine.is_holding():
+                # Said before: what goes on may end the program at once.
                 self._session.message("(The expression seems to wait for a thread that is held: the others go on.)")
+                engine.release_others()
 
 
 _DEBUGGERS_MODULES = {"bdb", "pdb", "cmd"}
