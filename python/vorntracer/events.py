@@ -710,10 +710,6 @@ class Engine:
                 initial_callback.fAnySuspendThread = True
             self.changed()
 
-    def is_holding(self):
-        """Whether threads are held."""
-        return self._holder_id is not None
-
     def release_others(self):
         """Let all held threads go on. Returns whether any was to be held."""
         with self.lock:
