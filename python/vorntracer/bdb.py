@@ -191,10 +191,12 @@ class BdbFollower(events.Follower):
         if result is not None and result != frame.f_trace:
             frame.f_trace = result
         debugger = self.debugger
-        debugger.enterframe = None  # which 3.13.0 leaves set: the frame and all that it has would live on
         if (debugger.stopframe is not self._stopframe or debugger.returnframe is not self._returnframe
                 or debugger.stoplineno != self._stoplineno or debugger.trace_opcodes != self._trace_opcodes):
             self.look_at_wishes(frame)
+        if not self.watched and not self.is_stepping:
+            # 3.13.0 leaves it set, and while the program runs on, the frame and all that it has would live on.
+            debugger.enterframe = None
         return result
 
 

@@ -25,6 +25,7 @@ breakpoint() and pdb.set_trace() in the program stop in this debugger. In a prog
 command comes with PYTHONBREAKPOINT=vorntracer.set_trace, and in tests with pytest --pdbcls=vorntracer.pdb:Pdb.
 """
 
+import bdb
 import pdb
 import sys
 
@@ -91,4 +92,7 @@ def main():
     our_pdb.install()
     pdb.set_trace = our_pdb.set_trace = session.set_trace
     pdb.Pdb = session.Session
-    rebind(pdb.main, OverlaidGlobals(pdb, {"Pdb": session.Session}))()
+    try:
+        rebind(pdb.main, OverlaidGlobals(pdb, {"Pdb": session.Session}))()
+    except bdb.BdbQuit:
+        pass  # another thread has quit, and the program's end was there before the word of it

@@ -407,12 +407,15 @@ class _Patience:
         if len(sys._current_frames()) > 1:
             self._is_done = _thread.allocate_lock()
             self._is_done.acquire()
+            self._has_ended = _thread.allocate_lock()
+            self._has_ended.acquire()
             # Not one of `threading`'s threads: what it runs is internal code only, and is never held.
             _thread.start_new_thread(self._wait, (self._is_done,))
 
     def __exit__(self, *exception):
         if self._is_done is not None:
             self._is_done.release()
+            self._has_ended.acquire()  # what it has to say comes before the next prompt
             self._session._lets_others_pass = False
 
     def _wait(self, is_done):
@@ -420,6 +423,7 @@ class _Patience:
             self._session._lets_others_pass = True
             if engine.release_others():
                 self._session.message("(The expression seems to wait for a thread that is held: the others go on.)")
+        self._has_ended.release()
 
 
 _DEBUGGERS_MODULES = {"bdb", "pdb", "cmd"}

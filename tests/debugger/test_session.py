@@ -212,7 +212,10 @@ class Threads(SessionCase):
             def main():
                 return 1
             main()
-            time.sleep(0.05)
+            for _ in range(1000):
+                if count > before:
+                    break
+                time.sleep(0.01)
             print("counted" if count > before else "stood still")
             ended.append(True)
             thread.join()
