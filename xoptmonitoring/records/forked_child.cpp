@@ -4,8 +4,8 @@
 // interpreter does, for dictionaries and sets above all: where threads compete for one, it hands the mutex over to a
 // thread that sleeps, and that the child does not have.
 //
-// The child's own thread may hold some of them: a dictionary that compares keys or lets go of values runs Python code in
-// a critical section, and that code may fork. So nothing is freed in a child that was forked from within a critical
+// The child's own thread may hold some of them: a dictionary that compares keys or lets go of values runs Python code
+// in a critical section, and that code may fork. So nothing is freed in a child that was forked from within a critical
 // section, of whatever object.
 //
 // The child is made ready in two steps. The first comes before the interpreter's own, which ends the other threads'

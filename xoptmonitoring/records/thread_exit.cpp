@@ -42,8 +42,8 @@ constinit thread_local std::uint64_t ended_thread_state_id = 0;
 /// Whether the calling thread is discarding its record, and raises no events.
 constinit thread_local bool is_inside_clean_up = false;
 
-/// A number of its own for each native thread that asks. The interpreter's id of a thread is given again once the thread
-/// has ended, this one never.
+/// A number of its own for each native thread that asks. The interpreter's id of a thread is given again once the
+/// thread has ended, this one never.
 std::uint64_t native_thread_number() {
     static std::uint64_t last = 0;
     constinit thread_local static std::uint64_t number = 0;

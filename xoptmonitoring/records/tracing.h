@@ -13,8 +13,8 @@ using TracingLevel = std::int32_t;
 /// AddToThreadStateTracing(m, 1). Where that fails, the level is as before. False with an exception set.
 bool enter_tracing(ModuleState& m, TracingLevel& before);
 
-/// AddToThreadStateTracing(m, -1), after enter_tracing(). The level is as before then, whatever fails, the log line or the
-/// support module: a thread left at a raised level would raise no event ever again. False with an exception set.
+/// AddToThreadStateTracing(m, -1), after enter_tracing(). The level is as before then, whatever fails, the log line or
+/// the support module: a thread left at a raised level would raise no event ever again. False with an exception set.
 bool leave_tracing(ModuleState& m, TracingLevel before);
 
 /// Calls `callback(object)` untraced; a callback that is None is not called. The level is lowered again even when the
