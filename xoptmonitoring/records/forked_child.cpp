@@ -16,6 +16,7 @@
 
 #include "xoptmonitoring/runtime/locks.h"
 #include "xoptmonitoring/runtime/python_calls.h"
+#include "xoptmonitoring/runtime/thread_state_words.h"
 
 #include <array>
 #include <pthread.h>
@@ -23,18 +24,8 @@
 namespace forked_child {
 namespace {
 
-/// What is looked through for the word that leads to the thread's critical sections: the head of a thread state.
-constexpr std::size_t kWatchedWords = 40;
-using Words = std::array<std::uintptr_t, kWatchedWords>;
-
-Words words_of(PyThreadState* tstate) {
-    Words words{};
-    for (std::size_t word = 0; word < kWatchedWords; ++word) {
-        // Other threads write to some of them.
-        words[word] = __atomic_load_n(reinterpret_cast<const std::uintptr_t*>(tstate) + word, __ATOMIC_RELAXED);
-    }
-    return words;
-}
+using Word = std::uintptr_t;
+constexpr std::size_t kWatchedWords = 40;  // without a global lock, thread states have thousands
 
 /// Which word of a thread state is not zero while the thread is in a critical section: learnt by being in one. -1 where
 /// that is not clear.
@@ -42,16 +33,15 @@ Py_ssize_t find_section_word(PyObject* object) {
     if (xpy.PyCriticalSection_Begin == nullptr || xpy.PyCriticalSection_End == nullptr) {
         return -1;
     }
-    alignas(16) std::array<std::uintptr_t, 16> section{};  // several times what the interpreter needs
+    alignas(16) std::array<Word, 16> section{};  // several times what the interpreter needs
     PyThreadState* tstate = xpy.PyThreadState_Get();
     xpy.PyCriticalSection_Begin(section.data(), object);
-    const Words inside = words_of(tstate);
+    const auto inside = words_of<Word, kWatchedWords>(tstate);
     xpy.PyCriticalSection_End(section.data());
-    const Words outside = words_of(tstate);
+    const auto outside = words_of<Word, kWatchedWords>(tstate);
     for (std::size_t word = 0; word < kWatchedWords; ++word) {
         // The address of the section, with flags in its lowest bits.
-        if ((inside[word] & ~std::uintptr_t{3}) == reinterpret_cast<std::uintptr_t>(section.data()) &&
-            outside[word] != inside[word]) {
+        if ((inside[word] & ~Word{3}) == reinterpret_cast<Word>(section.data()) && outside[word] != inside[word]) {
             return static_cast<Py_ssize_t>(word);
         }
     }
@@ -64,7 +54,7 @@ Py_ssize_t section_word = -1;
 bool is_outside_of_sections() {
     PyThreadState* tstate = XPy_CurrentThreadStateOrNull();
     return tstate != nullptr && section_word != -1 &&
-           reinterpret_cast<const std::uintptr_t*>(tstate)[section_word] == 0;
+           load_word<Word>(tstate, static_cast<std::size_t>(section_word)) == 0;
 }
 
 /// Whether the calling thread is the interpreter's only one.

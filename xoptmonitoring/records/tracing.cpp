@@ -2,8 +2,7 @@
 #include "xoptmonitoring/records/tracing.h"
 
 #include "xoptmonitoring/runtime/log_lines.h"
-
-#include <array>
+#include "xoptmonitoring/runtime/thread_state_words.h"
 
 namespace {
 
@@ -11,26 +10,16 @@ namespace {
 // keeps it is learnt by watching the interpreter raise it: that needs no table, so it also works on a version that no
 // table knows yet.
 
-/// What is watched: the level lies near the beginning of a thread state, and all of them are larger than this.
-constexpr std::size_t kWatchedWords = 48;
-using Words = std::array<std::uint32_t, kWatchedWords>;
-
-Words words_of(PyThreadState* tstate) {
-    Words words{};
-    for (std::size_t word = 0; word < kWatchedWords; ++word) {
-        // Other threads write to some of them.
-        words[word] = __atomic_load_n(reinterpret_cast<const std::uint32_t*>(tstate) + word, __ATOMIC_RELAXED);
-    }
-    return words;
-}
+using Word = std::uint32_t;
+constexpr std::size_t kWatchedWords = 48;  // the smallest thread state, that of 3.12, has 72
 
 /// Which word follows the level of the calling thread; -1 where that is not clear.
 Py_ssize_t find_level(PyThreadState* tstate) {
-    const Words before = words_of(tstate);
+    const auto before = words_of<Word, kWatchedWords>(tstate);
     xpy.PyThreadState_EnterTracing(tstate);
-    const Words raised = words_of(tstate);
+    const auto raised = words_of<Word, kWatchedWords>(tstate);
     xpy.PyThreadState_LeaveTracing(tstate);
-    const Words lowered = words_of(tstate);
+    const auto lowered = words_of<Word, kWatchedWords>(tstate);
     Py_ssize_t found = -1;
     for (std::size_t word = 0; word < kWatchedWords; ++word) {
         if (raised[word] - before[word] == 1U && lowered[word] == before[word]) {
@@ -44,14 +33,14 @@ Py_ssize_t find_level(PyThreadState* tstate) {
 }
 
 /// The tracing level of the calling thread; -1 where it cannot be had.
-std::int32_t tracing_level(PyThreadState* tstate) {
+TracingLevel tracing_level(PyThreadState* tstate) {
     static Py_ssize_t known_word = -1;
     Py_ssize_t word = __atomic_load_n(&known_word, __ATOMIC_RELAXED);
     if (word == -1) {
         word = find_level(tstate);
         __atomic_store_n(&known_word, word, __ATOMIC_RELAXED);
     }
-    return word != -1 ? reinterpret_cast<const std::int32_t*>(tstate)[word] : -1;
+    return word != -1 ? static_cast<TracingLevel>(load_word<Word>(tstate, static_cast<std::size_t>(word))) : -1;
 }
 
 Ref tracing_line(ModuleState& m, Py_ssize_t count) {
