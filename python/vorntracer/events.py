@@ -82,22 +82,13 @@ _NO_LINES = {}
 _LINES_TO_BE_IGNORED = 200
 
 
-class _QuietLock:
-    """A re-entrant lock whose holder raises no monitoring events."""
-
-    def __init__(self):
-        self._lock = threading.RLock()
+class _Quiet:
+    """Within it, the calling thread raises no monitoring events."""
 
     def __enter__(self):
         xo.AddToThreadStateTracing(1)
-        try:
-            self._lock.acquire()
-        except BaseException:  # KeyboardInterrupt, while waiting for another thread
-            xo.AddToThreadStateTracing(-1)
-            raise
 
     def __exit__(self, *exception):
-        self._lock.release()
         xo.AddToThreadStateTracing(-1)
 
 
@@ -222,7 +213,10 @@ class Engine:
     """What the process's debuggers share. There is one, `engine`."""
 
     def __init__(self):
-        self.lock = _QuietLock()
+        # Taken as `with self.quiet, self.lock`: the lock by itself and not within a class in Python, whose `__exit__` an
+        # exception that a signal or another thread raises here could keep from giving it back.
+        self.lock = threading.RLock()
+        self.quiet = _Quiet()
         self.tool_id = None  # None while nothing is followed
         self._local = threading.local()  # follower: that of the thread
         self._followers = []  # weak references to all of them
@@ -266,7 +260,7 @@ class Engine:
 
     def follow(self, follower):
         """Let a follower have the calling thread, in place of the one that had it."""
-        with self.lock:
+        with self.quiet, self.lock:
             self._forget(self.follower())
             self._prune()
             self._skip_no_thread()
@@ -279,7 +273,7 @@ class Engine:
 
     def unfollow(self, follower):
         """The follower has its thread no more. Does nothing where it has none."""
-        with self.lock:
+        with self.quiet, self.lock:
             if self.follower() is follower:
                 self._local.follower = None
             if self._forget(follower):
@@ -299,7 +293,7 @@ class Engine:
 
     def _adopt(self):
         """Let the debugger that wants every thread have this one, which nobody follows."""
-        with self.lock:
+        with self.quiet, self.lock:
             if self._adopt_thread is None:
                 return None
             follower = self._adopt_thread()
@@ -397,7 +391,7 @@ class Engine:
         is_concerned  called with a file name, as code objects have it; says whether its lines may have changed. None:
                       all files' may
         """
-        with self.lock:
+        with self.quiet, self.lock:
             self._prune()
             if self.tool_id is None:
                 return
@@ -412,7 +406,7 @@ class Engine:
 
     def find_lines_again(self, place):
         """The lines of one code object were provisional, and may be known now."""
-        with self.lock:
+        with self.quiet, self.lock:
             self._find_lines([place], self._debuggers())
 
     # Code objects
@@ -424,7 +418,7 @@ class Engine:
 
     def _meet(self, code):
         """A code object is seen for the first time."""
-        with self.lock:
+        with self.quiet, self.lock:
             place = self._places.get(id(code))
             if place is None:
                 key = id(code)
@@ -520,7 +514,7 @@ class Engine:
         What is not watched any more is switched off when it next raises an event: a step after the other often
         watches the same code objects again, and to switch events costs more than to see one.
         """
-        with self.lock:
+        with self.quiet, self.lock:
             before = follower.watched
             follower.watched = wanted
             for key, (place, wants_opcodes) in before.items():
@@ -610,7 +604,7 @@ class Engine:
         if place.watchers:
             return None
         if not place.lines:
-            with self.lock:
+            with self.quiet, self.lock:
                 if not place.watchers and self.tool_id is not None:
                     self._settle(place, code)
             return None
@@ -636,7 +630,7 @@ class Engine:
         if place is None or follower is None:
             return None
         if not place.watchers:
-            with self.lock:
+            with self.quiet, self.lock:
                 if not place.watchers and self.tool_id is not None:
                     self._settle(place, code)
         return place if id(code) in follower.watched else None
@@ -648,7 +642,7 @@ class Engine:
         if count == _LINES_TO_BE_IGNORED:
             self._local.ignored = 0
             thread = xo.CPerThread.GetPerThread()
-            with self.lock:
+            with self.quiet, self.lock:
                 if thread is not None and thread.fDebugPolicy == 1 and self._holder_id is None:
                     thread.fDebugPolicy = 0
                     self._skipped_thread_ids.add(thread.fThreadId)
@@ -698,7 +692,7 @@ class Engine:
         Returns at once: a thread that waits in native code comes to its next event when that lets go of it. No thread
         is held in the debugger's own code.
         """
-        with self.lock:
+        with self.quiet, self.lock:
             if self.tool_id is None or self._holder_id is not None:
                 return
             self._skip_no_thread()
@@ -712,7 +706,7 @@ class Engine:
 
     def release_others(self):
         """Let all held threads go on. Returns whether any was to be held."""
-        with self.lock:
+        with self.quiet, self.lock:
             if self._holder_id is None:
                 return False
             self._holder_id = None
@@ -728,7 +722,7 @@ class Engine:
 
     def _hold(self, thread):
         """Have the first stage block a thread: it passes through the lock that we take here."""
-        with self.lock:
+        with self.quiet, self.lock:
             suspend_lock = thread.fSuspendLock
             if (suspend_lock is not None and thread not in self._held
                     and self._holder_id not in (None, thread.fThreadId)):
@@ -740,10 +734,12 @@ class Engine:
 
     def before_fork(self):
         """Take the lock, so that the child gets no half-made change of a thread that it does not have."""
-        self.lock.__enter__()
+        self.quiet.__enter__()
+        self.lock.acquire()
 
     def after_fork_in_parent(self):
-        self.lock.__exit__()
+        self.lock.release()
+        self.quiet.__exit__()
 
     def after_fork_in_child(self):
         """Go on in the child with the one thread that it has, or stop."""
@@ -757,7 +753,8 @@ class Engine:
                 xo.UpdateThisProcessPid()
                 self.changed()
         finally:
-            self.lock.__exit__()
+            self.lock.release()
+            self.quiet.__exit__()
 
 
 def is_for_the_program(exception):

@@ -108,8 +108,8 @@ class Session(our_pdb.Pdb):
         if self.turn.acquire(blocking=False):
             return True
         while not self.turn.acquire(timeout=0.1):
-            if self._lets_others_pass:
-                return False
+            if self._lets_others_pass or self.quitting:
+                return False  # who has it may be ending with the program, by an exception raised from elsewhere
         return True
 
     def put_in_place(self, follower):
