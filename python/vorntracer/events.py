@@ -82,7 +82,7 @@ _NO_LINES = {}
 _LINES_TO_BE_IGNORED = 200
 
 
-class _Quiet:
+class Quiet:
     """Within it, the calling thread raises no monitoring events."""
 
     def __enter__(self):
@@ -213,10 +213,10 @@ class Engine:
     """What the process's debuggers share. There is one, `engine`."""
 
     def __init__(self):
-        # Taken as `with self.quiet, self.lock`: the lock by itself and not within a class in Python, whose `__exit__` an
+        # Taken as `with self.quiet, self.lock`: the lock by itself and not within a class in Python whose `__exit__` an
         # exception that a signal or another thread raises here could keep from giving it back.
         self.lock = threading.RLock()
-        self.quiet = _Quiet()
+        self.quiet = Quiet()
         self.tool_id = None  # None while nothing is followed
         self._local = threading.local()  # follower: that of the thread
         self._followers = []  # weak references to all of them

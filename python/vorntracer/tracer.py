@@ -127,25 +127,6 @@ class Stop(typing.NamedTuple):
 _LEAVING = (Reason.RETURN, Reason.YIELD, Reason.EXCEPTION)
 
 
-class _QuietLock:
-    """A re-entrant lock whose holder raises no monitoring events."""
-
-    def __init__(self):
-        self._lock = threading.RLock()
-
-    def __enter__(self):
-        xo.AddToThreadStateTracing(1)
-        try:
-            self._lock.acquire()
-        except BaseException:  # KeyboardInterrupt, while waiting for another thread
-            xo.AddToThreadStateTracing(-1)
-            raise
-
-    def __exit__(self, *exception):
-        self._lock.release()
-        xo.AddToThreadStateTracing(-1)
-
-
 class Tracer:
     """The tracer of this process; one at a time can be started.
 
@@ -169,7 +150,8 @@ class Tracer:
         self._internal_files = tuple(internal_files)
         self._debug_thread = debug_thread
         self._follow_forks = follow_forks
-        self._lock = _QuietLock()
+        self._lock = threading.RLock()  # taken as `with self._quiet, self._lock`, see vorntracer.events
+        self._quiet = events.Quiet()
         self._turn = threading.Lock()  # held by the thread whose stop is being handled
         self._is_running = False
         # Another object after each change that may make a place interesting; None while the tracer is not calm.
@@ -207,7 +189,7 @@ class Tracer:
     def start(self):
         """Begin to receive events. Raises ValueError when it is started already, or when no tool id is free."""
         global _running_tracer
-        with self._lock:
+        with self._quiet, self._lock:
             if self._is_running:
                 raise ValueError("the tracer is started already")
             self.tool_id = events.take_tool_id()
@@ -239,7 +221,7 @@ class Tracer:
     def stop(self):
         """Let every thread run on, and receive no more events. Does nothing when not started."""
         global _running_tracer
-        with self._lock:
+        with self._quiet, self._lock:
             if not self._is_running:
                 return
             self.release_others()
@@ -276,7 +258,7 @@ class Tracer:
         objects. Stopping has marked these as not known, so that the second stage sees them when they next run
         and files them anew (`_situate`).
         """
-        with self._lock:
+        with self._quiet, self._lock:
             was_running = self._is_running
             self.stop()
             self._files.clear()
@@ -328,7 +310,7 @@ class Tracer:
         pathname = name if _is_pseudo_name(name) else xo.get_canonical_pathname(name)
         if pathname is None:
             raise ValueError("not the name of a file: {!r}".format(file))
-        with self._lock:
+        with self._quiet, self._lock:
             per_file = self._file(pathname, create=True)
             breakpoint = Breakpoint(pathname, lineno, condition)
             per_file.fBpSetByLineno[lineno] = breakpoint
@@ -337,7 +319,7 @@ class Tracer:
 
     def clear_breakpoint(self, breakpoint):
         """Take a breakpoint away. One that is not set, or was replaced, is left alone."""
-        with self._lock:
+        with self._quiet, self._lock:
             per_file = self._file(breakpoint.pathname)
             if per_file is not None and per_file.fBpSetByLineno.get(breakpoint.lineno) is breakpoint:
                 del per_file.fBpSetByLineno[breakpoint.lineno]
@@ -345,7 +327,7 @@ class Tracer:
 
     def breakpoints(self):
         """Return a list of all breakpoints."""
-        with self._lock:
+        with self._quiet, self._lock:
             return [
                 breakpoint
                 for per_file in self._all_files()
@@ -362,7 +344,7 @@ class Tracer:
             xo.CPerFile.GetPerFile(pathname)  # what this returns may just have been replaced
         per_file = xo.CPerFile.GetPerFile(pathname, False)
         if per_file is not None and per_file is not self._files.get(pathname):
-            with self._lock:
+            with self._quiet, self._lock:
                 per_file = xo.CPerFile.GetPerFile(pathname, False)
                 replaced = self._files.get(pathname)
                 if per_file is not None and per_file is not replaced:
@@ -498,13 +480,13 @@ class Tracer:
 
     def _on_new_code_object(self, record):
         """The native module has made the record of a code object that it met."""
-        with self._lock:
+        with self._quiet, self._lock:
             if self._is_running:
                 self._know(record)
 
     def _on_new_thread(self, thread):
         """The native module has made the record of a thread, most often on that thread."""
-        with self._lock:
+        with self._quiet, self._lock:
             thread.GetDebugPolicy()  # the first stage looks at what this leaves in fDebugPolicy
             if self._holder_id not in (None, thread.fThreadId):
                 self._hold(thread)
@@ -518,7 +500,7 @@ class Tracer:
         """
         record = xo.CPerCodeObject.GetPerCodeObject(frame.f_code, True, frame)
         if record.fEnabledBpLinenos is None:
-            with self._lock:
+            with self._quiet, self._lock:
                 if self._is_running:
                     self._know(record)
         return record
@@ -633,7 +615,7 @@ class Tracer:
         is left. The events of a frame that nobody awaits, below or above, get no further than the comparison.
         """
         is_from_caller = command is Command.STEP_OUT or stop.reason in _LEAVING
-        with self._lock:
+        with self._quiet, self._lock:
             thread = xo.CPerThread.GetPerThread()  # not that of the stop: `on_stop` may have called reset
             frame = None
             # A thread that `on_stop` had ignored has no event that could end a step.
@@ -670,7 +652,7 @@ class Tracer:
 
     def _step_through(self, thread, record):
         """Let a thread that steps into whatever it meets step through one more code object."""
-        with self._lock:
+        with self._quiet, self._lock:
             # The step may have been ended by another thread while we waited for the lock.
             if thread.fStopAtNextLine and record not in thread.fSteppingCodeObjects:
                 thread.fSteppingCodeObjects.add(record)
@@ -712,7 +694,7 @@ class Tracer:
         Returns at once: a thread that waits in native code comes to its next event when that lets go of it. A
         thread is never held in the debugger's own code, nor in `threading`, whose locks others need.
         """
-        with self._lock:
+        with self._quiet, self._lock:
             if not self._is_running:
                 raise RuntimeError("the tracer is not started")
             if self._holder_id is not None:
@@ -728,7 +710,7 @@ class Tracer:
 
     def release_others(self):
         """Let all held threads go on. Does nothing when none is held."""
-        with self._lock:
+        with self._quiet, self._lock:
             was_holding = self._holder_id is not None
             self._holder_id = None
             for initial_callback in self._initial_callbacks.values():
@@ -758,7 +740,7 @@ class Tracer:
 
         It counts until the tracer is started again.
         """
-        with self._lock:
+        with self._quiet, self._lock:
             thread = xo.CPerThread.GetPerThread()
             if thread in self._steps:
                 self._end_step(thread)
@@ -768,10 +750,12 @@ class Tracer:
 
     def _before_fork(self):
         """Take the lock, so that the child gets no half-made change of a thread that it does not have."""
-        self._lock.__enter__()
+        self._quiet.__enter__()
+        self._lock.acquire()
 
     def _after_fork_in_parent(self):
-        self._lock.__exit__()
+        self._lock.release()
+        self._quiet.__exit__()
 
     def _after_fork_in_child(self):
         """Forget the threads that the child does not have, and go on, or stop.
@@ -793,7 +777,8 @@ class Tracer:
             else:
                 self.stop()
         finally:
-            self._lock.__exit__()
+            self._lock.release()
+            self._quiet.__exit__()
 
 
 # Whatever else leaves these is meant for the program: what `on_stop` ends it with, and what a signal's handler raises
