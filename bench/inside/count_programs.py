@@ -33,6 +33,7 @@ def main(names):
             ("in another file", debuggers.OWN, found.in_another_file),
             ("in another function of the same file", debuggers.OWN, found.in_the_same_file),
             ("in the hot function", debuggers.OWN, found.in_the_hot_function),
+            ("on the def line of the function called most", debuggers.OWN, found.on_the_def_line),
         ):
 
             def run():
