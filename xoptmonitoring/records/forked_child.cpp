@@ -101,22 +101,22 @@ int free_container(PyObject* object, void* /*arg*/) {
     return 0;
 }
 
-/// A class of this module, and the containers that it holds.
+/// Frees the mutex of an object of this module's, and those of the containers that it holds.
+void free_with_containers(PyObject* object) {
+    free_mutex(object);
+    for_each_referent(object, free_container, nullptr);
+}
+
 int free_class(PyObject* object, void* module_state) {
-    const ModuleState& m = *static_cast<const ModuleState*>(module_state);
-    if (is_own_class(m, object)) {
-        free_mutex(object);
-        for_each_referent(object, free_container, nullptr);
+    if (is_own_class(*static_cast<const ModuleState*>(module_state), object)) {
+        free_with_containers(object);
     }
     return 0;
 }
 
-/// A record, and the containers that it holds.
 int free_record(PyObject* object, void* module_state) {
-    const ModuleState& m = *static_cast<const ModuleState*>(module_state);
-    if (is_own_class(m, as_object(type_of(object)))) {
-        free_mutex(object);
-        for_each_referent(object, free_container, nullptr);
+    if (is_own_class(*static_cast<const ModuleState*>(module_state), as_object(type_of(object)))) {
+        free_with_containers(object);
     }
     return 0;
 }

@@ -29,10 +29,6 @@ class [[nodiscard]] Detached {
     PyThreadState* tstate_;
 };
 
-bool is_free(const PyMutex& mutex) noexcept {
-    return (__atomic_load_n(&mutex.bits, __ATOMIC_RELAXED) & kLocked) == 0;
-}
-
 /// Takes the mutex where it is free; whoever has queued for it is left in the queue.
 bool try_lock_beside_queue(PyMutex& mutex) noexcept {
     const std::uint8_t bits = __atomic_load_n(&mutex.bits, __ATOMIC_RELAXED);
@@ -47,7 +43,7 @@ void wait_and_lock(PyMutex& mutex) noexcept {
     constexpr long kLongestNap = 1'000'000;
     for (long nap = kShortestNap;; nap = std::min(2 * nap, kLongestNap)) {
         for (int look = 0; look < kLooks; ++look) {
-            if (is_free(mutex) && try_lock_beside_queue(mutex)) {
+            if (try_lock_beside_queue(mutex)) {
                 return;
             }
         }
